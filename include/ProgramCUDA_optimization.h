@@ -1,0 +1,3 @@
+// Device wrappers of the refinement engine (declared here, one per line as
+// they are built).
+#pragma once

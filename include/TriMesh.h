@@ -1,0 +1,59 @@
+// The host record of the surface under refinement: an indexed triangle mesh,
+// one attribute record per vertex, and connectivity tables derived from the
+// facets.
+#pragma once
+
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "mycamera.h"
+
+struct ViewSample {
+    int32_t index = 0;
+    int32_t camera = 0;  // index into TriMesh::mesh_cameras
+    float value = 0.0f;
+    double u = -1.0;
+    double v = -1.0;
+};
+
+struct VertexRecord {
+    uint8_t no_divide = 0;
+    uint8_t inherited_flag = 0;
+    uint8_t enabled = 1;
+    double position[3] = {0.0, 0.0, 0.0};
+    int32_t marks[3] = {0, 255, 0};
+    std::vector<ViewSample> views;
+    uint8_t tail_flag = 0;
+};
+
+struct TriMesh {
+    // Primary tables: persist from loading to saving, only ever appended to.
+    int32_t num_v = 0;
+    int32_t num_f = 0;
+    std::vector<float> vertices;             // 3 per vertex
+    std::vector<int32_t> facets;             // 3 per facet, winding kept
+    std::vector<int32_t> vertex_attributes;  // 3 per vertex
+    std::vector<VertexRecord> vertex_records;
+    std::vector<mycamera> mesh_cameras;      // stays empty; sizes scratch arrays
+
+    // Derived tables: rebuilt by whoever needs them, stale after any change.
+    int32_t num_edges = 0;
+    std::vector<std::pair<int32_t, int32_t>> edges;
+    std::vector<int32_t> facet_edges;              // 3 per facet: AB, BC, CA
+    std::vector<int32_t> num_valences;             // one-ring sizes
+    std::vector<std::vector<int32_t>> valences;    // one-rings
+    std::vector<std::vector<int32_t>> vertex_facets;
+
+    TriMesh() = default;
+    // Empties vertices, vertex_attributes, facets, num_valences and valences;
+    // the counts stay as they are.
+    void clear();
+};
+
+// Rebuilds num_valences, valences and vertex_facets from the facets. One-ring
+// order follows the facet walk (A,B), (A,C), (C,B): the device sums in it.
+void updateMeshConnectivity(TriMesh& mesh);
+
+// Index of the first facet entry outside 0..num_v-1, or -1 when all are valid.
+int64_t findInvalidFacetIndex(const TriMesh& mesh);

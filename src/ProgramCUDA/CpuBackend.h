@@ -1,0 +1,125 @@
+// The CPU backend: device memory is host memory, a launch is a parallel loop
+// over the launch's whole index space (idle tail included, so the kernels'
+// own guards decide exactly as on the GPU), textures are the byte images
+// read through the same sampling rule.
+#pragma once
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "DeviceCommon.h"
+#include "LaunchGeometry.h"
+
+namespace tessaline {
+
+struct CpuBackend {
+    static constexpr bool isCuda = false;
+    bool failed = false;
+
+    template <class T>
+    T* alloc(size_t count) {
+        // 256-byte alignment, as device allocations have.
+        const size_t bytes = ((count * sizeof(T) + 255) / 256) * 256;
+        void* p = std::aligned_alloc(256, bytes == 0 ? 256 : bytes);
+        if (!p) failed = true;
+        return static_cast<T*>(p);
+    }
+    template <class T>
+    void release(T*& p) {
+        std::free(p);
+        p = nullptr;
+    }
+    template <class T>
+    void upload(T* dst, const T* src, size_t count) {
+        if (count) std::memcpy(dst, src, count * sizeof(T));
+    }
+    template <class T>
+    void download(T* dst, const T* src, size_t count) {
+        if (count) std::memcpy(dst, src, count * sizeof(T));
+    }
+    template <class T>
+    void zero(T* dst, size_t count) {
+        if (count) std::memset(dst, 0, count * sizeof(T));
+    }
+
+    // Grid n/block + 1 blocks of `block` threads; f(id) for every thread.
+    template <class F>
+    void launch1D(int n, int block, const F& f) {
+        const long long total = (long long)gridBlocks(n, block) * block;
+#pragma omp parallel for schedule(static)
+        for (long long id = 0; id < total; ++id) f(int(id));
+    }
+
+    // Grid (w/bx + 1) x (h/by + 1) of bx x by blocks; f(x, y) for every thread.
+    template <class F>
+    void launch2D(int width, int height, int bx, int by, const F& f) {
+        const int spanX = int(gridBlocks(width, bx)) * bx;
+        const int spanY = int(gridBlocks(height, by)) * by;
+#pragma omp parallel for schedule(static)
+        for (int y = 0; y < spanY; ++y)
+            for (int x = 0; x < spanX; ++x) f(x, y);
+    }
+
+    // A layered stack of `layers` images of width x height bytes, uploaded
+    // in one copy from a contiguous host block.
+    LayeredTexture makeLayeredTexture(const uint8_t* bytes, int width, int height, int layers) {
+        LayeredTexture tex;
+        const size_t n = size_t(width) * size_t(height) * size_t(layers);
+        uint8_t* copy = alloc<uint8_t>(n);
+        if (copy) upload(copy, bytes, n);
+        tex.data = copy;
+        tex.owner = copy;
+        tex.width = width;
+        tex.height = height;
+        tex.layers = layers;
+        return tex;
+    }
+    void releaseLayeredTexture(LayeredTexture& tex) {
+        uint8_t* p = static_cast<uint8_t*>(tex.owner);
+        release(p);
+        tex = LayeredTexture();
+    }
+
+    // One image uploaded into its own array.
+    Texture2D makeTexture2D(const uint8_t* bytes, int width, int height) {
+        Texture2D tex;
+        const size_t n = size_t(width) * size_t(height);
+        uint8_t* copy = alloc<uint8_t>(n);
+        if (copy) upload(copy, bytes, n);
+        tex.data = copy;
+        tex.owner = copy;
+        tex.width = width;
+        tex.height = height;
+        tex.pitch = size_t(width);
+        return tex;
+    }
+    void releaseTexture2D(Texture2D& tex) {
+        uint8_t* p = static_cast<uint8_t*>(tex.owner);
+        release(p);
+        tex = Texture2D();
+    }
+
+    // Pitched 8-bit device image: rows `pitch` bytes apart.
+    uint8_t* allocPitched(int width, int height, size_t& pitch) {
+        pitch = ((size_t(width) + 511) / 512) * 512;
+        return alloc<uint8_t>(pitch * size_t(height));
+    }
+    // A texture view of pitched memory that a kernel wrote.
+    Texture2D bindPitched(const uint8_t* data, int width, int height, size_t pitch, size_t& offset) {
+        Texture2D tex;
+        tex.data = data;
+        tex.width = width;
+        tex.height = height;
+        tex.pitch = pitch;
+        offset = 0;
+        return tex;
+    }
+    void unbindPitched(Texture2D& tex) { tex = Texture2D(); }
+
+    // Waits for all launches; a no-op here, where launches are synchronous.
+    void synchronize() {}
+};
+
+}  // namespace tessaline

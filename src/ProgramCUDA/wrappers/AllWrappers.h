@@ -1,0 +1,4 @@
+// Every templated host wrapper, for the backends' entry translation units.
+#pragma once
+
+#include "wrappers/ZBufferWrapper.h"

@@ -1,0 +1,2 @@
+#include "runFlow.h"
+int runTessalineRefine(int, char**) { return 0; }
