@@ -41,3 +41,4 @@ void TriMesh_Image_ZBuffering_CUDA(int num_v, const float* vertices, int num_f, 
                                    float* bary_c_image);
 
 #include "ProgramCUDA_optimization.h"
+#include "ProgramCUDA_library.h"

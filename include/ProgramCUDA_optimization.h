@@ -1,3 +1,3 @@
-// Device wrappers of the refinement engine (declared here, one per line as
-// they are built).
+// Device wrappers of the refinement engine: the mesh optimisation and the
+// NCC wrappers.
 #pragma once

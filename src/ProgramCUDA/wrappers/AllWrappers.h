@@ -2,3 +2,5 @@
 #pragma once
 
 #include "wrappers/ZBufferWrapper.h"
+#include "wrappers/OptimizationWrappers.h"
+#include "wrappers/LibraryWrappers.h"

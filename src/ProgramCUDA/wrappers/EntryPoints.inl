@@ -8,3 +8,5 @@ DEVICE_ENTRY(TriMesh_Image_ZBuffering_CUDA, zbufferWrapper,
               float* bary_c_image),
              (num_v, vertices, num_f, facets, camera, BU, BV, LU, LV, depth_image, facet_image, bary_b_image,
               bary_c_image))
+#include "wrappers/EntryPoints_optimization.inl"
+#include "wrappers/EntryPoints_library.inl"

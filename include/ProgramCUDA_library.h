@@ -1,0 +1,2 @@
+// Dormant device library: single-step wrappers, plane sweeps, device printf.
+#pragma once

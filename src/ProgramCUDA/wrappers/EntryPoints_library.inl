@@ -1,0 +1,1 @@
+// DEVICE_ENTRY lines of the dormant library's wrappers.

@@ -1,0 +1,1 @@
+// DEVICE_ENTRY lines of the refinement engine's wrappers.

@@ -1,0 +1,2 @@
+// Templated host wrappers of the dormant device library.
+#pragma once

@@ -1,0 +1,2 @@
+// Templated host wrappers of the refinement engine.
+#pragma once
