@@ -47,9 +47,7 @@ inline mycamera_cuda lookAtCamera(const double centre[3], const double target[3]
     double z[3] = {target[0] - centre[0], target[1] - centre[1], target[2] - centre[2]};
     norm(z);
     double x[3];
-    cross(z, up, x);  // image x to the right when y (rows) points down
-    x[0] = -x[0], x[1] = -x[1], x[2] = -x[2];
-    cross(up, z, x);
+    cross(z, up, x);  // image x to the right, y = z cross x down the rows
     norm(x);
     double y[3];
     cross(z, x, y);
