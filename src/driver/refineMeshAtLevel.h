@@ -1,0 +1,20 @@
+// The refinement stage of a level: flatten the mesh, cameras and images and
+// hand them to the device optimiser.
+#pragma once
+
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "TriMesh.h"
+#include "mycamera.h"
+
+// Builds the camera pair table from the first 6 entries of each neighbour
+// list: byte i*num_cameras + j is 1 when camera i lists camera j.
+std::vector<unsigned char> buildPairMask(const std::vector<std::vector<int>>& neighbourLists, int num_cameras);
+
+// Moves the mesh's vertices by `iterations` steps of descent at this level.
+// Returns false, having printed why, when the level's lists cannot be used.
+bool refineMeshAtLevel(TriMesh& mesh, const std::vector<mycamera>& cameraList, const std::vector<cv::Mat>& imgList,
+                       const std::vector<std::vector<int>>& neighbourLists, int iterations,
+                       bool first_order_smoothing);
