@@ -1,0 +1,8 @@
+#!/usr/bin/env bash
+# Builds (if needed) and runs the whole test suite through CTest.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+[ -f build/CMakeCache.txt ] || cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
+cmake --build build -j"$(nproc)"
+cd build
+ctest --output-on-failure -j"$(nproc)"
