@@ -62,13 +62,17 @@ struct CpuBackend {
             for (int x = 0; x < spanX; ++x) f(x, y);
     }
 
+    uint8_t* copyBytes(const uint8_t* bytes, size_t n) {
+        uint8_t* copy = alloc<uint8_t>(n);
+        if (copy) upload(copy, bytes, n);
+        return copy;
+    }
+
     // A layered stack of `layers` images of width x height bytes, uploaded
     // in one copy from a contiguous host block.
     LayeredTexture makeLayeredTexture(const uint8_t* bytes, int width, int height, int layers) {
         LayeredTexture tex;
-        const size_t n = size_t(width) * size_t(height) * size_t(layers);
-        uint8_t* copy = alloc<uint8_t>(n);
-        if (copy) upload(copy, bytes, n);
+        uint8_t* copy = copyBytes(bytes, size_t(width) * size_t(height) * size_t(layers));
         tex.data = copy;
         tex.owner = copy;
         tex.width = width;
@@ -85,9 +89,7 @@ struct CpuBackend {
     // One image uploaded into its own array.
     Texture2D makeTexture2D(const uint8_t* bytes, int width, int height) {
         Texture2D tex;
-        const size_t n = size_t(width) * size_t(height);
-        uint8_t* copy = alloc<uint8_t>(n);
-        if (copy) upload(copy, bytes, n);
+        uint8_t* copy = copyBytes(bytes, size_t(width) * size_t(height));
         tex.data = copy;
         tex.owner = copy;
         tex.width = width;

@@ -96,6 +96,18 @@ struct CudaBackend {
         return desc;
     }
 
+    // A linear-filtered texture object over a whole array.
+    unsigned long long arrayTextureObject(cudaArray_t array) {
+        cudaResourceDesc res;
+        memset(&res, 0, sizeof res);
+        res.resType = cudaResourceTypeArray;
+        res.res.array.array = array;
+        cudaTextureDesc desc = linearByteTextureDesc();
+        cudaTextureObject_t object = 0;
+        TESSALINE_CUDA_CHECK(*this, cudaCreateTextureObject(&object, &res, &desc, nullptr));
+        return object;
+    }
+
     // The image stack: one layered array, all layers uploaded in one copy.
     LayeredTexture makeLayeredTexture(const uint8_t* bytes, int width, int height, int layers) {
         LayeredTexture tex;
@@ -116,14 +128,7 @@ struct CudaBackend {
         parms.srcPtr = make_cudaPitchedPtr(const_cast<uint8_t*>(bytes), size_t(width), size_t(width),
                                            size_t(height));
         TESSALINE_CUDA_CHECK(*this, cudaMemcpy3D(&parms));
-        cudaResourceDesc res;
-        memset(&res, 0, sizeof res);
-        res.resType = cudaResourceTypeArray;
-        res.res.array.array = array;
-        cudaTextureDesc desc = linearByteTextureDesc();
-        cudaTextureObject_t object = 0;
-        TESSALINE_CUDA_CHECK(*this, cudaCreateTextureObject(&object, &res, &desc, nullptr));
-        tex.object = object;
+        tex.object = arrayTextureObject(array);
         tex.owner = array;
         return tex;
     }
@@ -145,14 +150,7 @@ struct CudaBackend {
         if (failed) return tex;
         TESSALINE_CUDA_CHECK(*this, cudaMemcpy2DToArray(array, 0, 0, bytes, size_t(width), size_t(width),
                                                         size_t(height), cudaMemcpyHostToDevice));
-        cudaResourceDesc res;
-        memset(&res, 0, sizeof res);
-        res.resType = cudaResourceTypeArray;
-        res.res.array.array = array;
-        cudaTextureDesc desc = linearByteTextureDesc();
-        cudaTextureObject_t object = 0;
-        TESSALINE_CUDA_CHECK(*this, cudaCreateTextureObject(&object, &res, &desc, nullptr));
-        tex.object = object;
+        tex.object = arrayTextureObject(array);
         tex.owner = array;
         return tex;
     }
