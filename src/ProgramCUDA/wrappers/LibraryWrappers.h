@@ -1,2 +1,5 @@
 // Templated host wrappers of the dormant device library.
 #pragma once
+
+#include "wrappers/PrintfBracket.h"
+#include "wrappers/PrintfWrappers.h"

@@ -1,0 +1,116 @@
+// The printf ring's host routines: the record formatter shared by both
+// backends, and the public cuPrintfInit / cuPrintfDisplay / cuPrintfEnd,
+// which act on the ring of the active backend.
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "ProgramCUDA.h"
+#include "cuPrintf/cuPrintfDisplay.h"
+#include "wrappers/PrintfBracket.h"
+
+namespace tessaline::printfring {
+
+namespace {
+
+// Length modifiers and '*' would make fprintf read arguments of another
+// size, or more of them, than the one cell holds: they are dropped, and the
+// value is passed as the 32-bit word or the double that the cell gives.
+std::string plainSpecification(const char* percent, const char* conversion) {
+    std::string spec;
+    for (const char* c = percent; c <= conversion; ++c)
+        if (c == percent || c == conversion || !std::strchr("hlLqjzt*", *c)) spec.push_back(*c);
+    return spec;
+}
+
+}  // namespace
+
+bool formatPrintfRecord(FILE* stream, unsigned char* slot, unsigned fmtOffset) {
+    char* text = reinterpret_cast<char*>(slot + fmtOffset + kFormatTextOffset);
+    unsigned char* cell = slot + kHeaderBytes;
+    const unsigned char* copyEnd = slot + 2 * kSlotBytes;
+    char* percent = nullptr;
+    while ((percent = std::strchr(text, '%')) != nullptr) {
+        std::fwrite(text, 1, size_t(percent - text), stream);
+        text = percent;
+        char* conversion = std::strpbrk(percent + 1, "%cdiouxXeEfgGaAnps");
+        if (conversion == nullptr) break;  // a '%' without its letter: printed below as it stands
+        int size = 0;
+        if (cell + kCellBytes <= copyEnd) std::memcpy(&size, cell, sizeof size);
+        if (size > kSlotBytes || cell + kCellBytes > copyEnd) {
+            std::fputs("Corrupt printf buffer data - aborting\n", stream);
+            return false;
+        }
+        const unsigned char* value = cell + kCellValueOffset;
+        const std::string spec = plainSpecification(percent, conversion);
+        switch (*conversion) {
+            case 'c': case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': {
+                uint32_t word;
+                std::memcpy(&word, value, sizeof word);
+                std::fprintf(stream, spec.c_str(), word);
+                break;
+            }
+            case 'p': {
+                uint32_t word;
+                std::memcpy(&word, value, sizeof word);
+                std::fprintf(stream, spec.c_str(), reinterpret_cast<void*>(uintptr_t(word)));
+                break;
+            }
+            case 'e': case 'E': case 'f': case 'g': case 'G': case 'a': case 'A': {
+                double v;
+                if (size == 4) {
+                    float f;
+                    std::memcpy(&f, value, sizeof f);
+                    v = double(f);
+                } else {
+                    std::memcpy(&v, value, sizeof v);
+                }
+                std::fprintf(stream, spec.c_str(), v);
+                break;
+            }
+            case 's':
+                // The text lies in the cell itself; the copy's zero tail ends it.
+                std::fprintf(stream, spec.c_str(), reinterpret_cast<const char*>(value));
+                break;
+            case '%':
+                std::fputc('%', stream);
+                break;
+            default:  // 'n': nothing is printed and nothing is written through the record
+                break;
+        }
+        cell += kCellBytes;
+        text = conversion + 1;
+    }
+    std::fputs(text, stream);
+    return true;
+}
+
+}  // namespace tessaline::printfring
+
+int cuPrintfInit(size_t bytes) {
+#ifdef TESSALINE_CUDA_ENABLED
+    if (activeDeviceBackend() == DeviceBackend::Cuda) return tessaline::cuda::printfRingInit(bytes);
+#endif
+    return tessaline::cpu::printfRingInit(bytes);
+}
+
+int cuPrintfDisplay(FILE* stream, bool showThreadIds) {
+#ifdef TESSALINE_CUDA_ENABLED
+    if (activeDeviceBackend() == DeviceBackend::Cuda) return tessaline::cuda::printfRingDisplay(stream, showThreadIds);
+#endif
+    return tessaline::cpu::printfRingDisplay(stream, showThreadIds);
+}
+
+void cuPrintfEnd() {
+#ifdef TESSALINE_CUDA_ENABLED
+    if (activeDeviceBackend() == DeviceBackend::Cuda) return tessaline::cuda::printfRingEnd();
+#endif
+    tessaline::cpu::printfRingEnd();
+}
+
+int cuPrintfCopyRing(void* destination, size_t bytes) {
+#ifdef TESSALINE_CUDA_ENABLED
+    if (activeDeviceBackend() == DeviceBackend::Cuda) return tessaline::cuda::printfRingCopy(destination, bytes);
+#endif
+    return tessaline::cpu::printfRingCopy(destination, bytes);
+}
