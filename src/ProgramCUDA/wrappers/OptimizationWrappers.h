@@ -1,2 +1,5 @@
 // Templated host wrappers of the refinement engine.
 #pragma once
+
+#include "wrappers/IntegratedOptimization.h"
+#include "wrappers/NccWrappers.h"
