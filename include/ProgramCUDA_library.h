@@ -7,6 +7,42 @@
 
 #include "mycamera.h"
 
+// ---- Plane sweeps -------------------------------------------------------
+//
+// Common inputs: image_stack holds num_neighbours + 1 grey images of width x
+// height bytes back to back, image 0 the reference; cameras holds as many
+// records in the same order. The result grid has out_width x out_height
+// cells; cell (x, y) stands for pixel (x * subsample, y * subsample). depth
+// and score receive out_width * out_height floats, row-major. Plane k has
+// the value k * step + start. Bad arguments give one "Error: " line and
+// leave the outputs untouched.
+
+// Sweeps the inverse distance along each reference ray (the ray parameter
+// is 1 / value). depth: refined inverse distance, so 1 / depth is the
+// distance from the camera centre; 0 where fewer than 3 planes were swept.
+// score: mean NCC over the neighbours that see the chosen point, -1 where
+// none does or the refined value is negative. Prints its progress lines.
+void PlaneSweep_InvDepth_CUDA(int num_neighbours, int width, int height, const uint8_t* image_stack,
+                              const mycamera_cuda* cameras, int out_width, int out_height, int subsample,
+                              float* depth, float* score, float start, float step, int num_planes);
+
+// Sweeps heights h over the plane a x + b y + c z + d = 0 (plane = a, b, c,
+// d), in units of |(a, b, c)|. depth: refined height; score as above.
+void PlaneSweep_Height_CUDA(int num_neighbours, int width, int height, const uint8_t* image_stack,
+                            const mycamera_cuda* cameras, int out_width, int out_height, int subsample, float* depth,
+                            float* score, float start, float step, int num_planes, const float* plane);
+
+// Sweeps planes z = value of the reference camera's frame (the neighbours'
+// R and t must be given relative to camera 0) by whole-image homography
+// warps, scoring windows of half-size 2, 4, ... (num_levels of them) with a
+// cost volume on the device. depth: the distance along each cell's unit ray;
+// score: the best mean NCC, 0 where no level could be scored. num_planes
+// must be at least 3.
+void PlaneSweep_Homography_CUDA(int num_neighbours, int width, int height, const uint8_t* image_stack,
+                                const mycamera_cuda* cameras, int out_width, int out_height, int subsample,
+                                float* depth, float* score, float start, float step, int num_planes,
+                                int num_levels);
+
 // ---- Device printf ring ---------------------------------------------------
 //
 // Kernels print with cuPrintf (include/cuPrintf/cuPrintf.h) into the ring

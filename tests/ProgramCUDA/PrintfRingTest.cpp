@@ -164,6 +164,22 @@ TEST_P(PrintfRing, EmptyAndRepeatedDisplaysPrintNothing) {
     EXPECT_EQ(display(true).status, 1);
 }
 
+TEST_P(PrintfRing, WrappersLeaveTheRingClosedAndPrintNoRecords) {
+    // A plane sweep opens, shows and closes the ring: nothing but its own
+    // progress lines appears, and no ring is armed afterwards.
+    const int w = 8, h = 8;
+    std::vector<uint8_t> stack(size_t(w) * h * 2, 100);
+    const double c0[3] = {0, 0, -2}, c1[3] = {0.1, 0, -2}, target[3] = {0, 0, 0}, up[3] = {0, -1, 0};
+    const mycamera_cuda cams[2] = {tessaline::test::lookAtCamera(c0, target, up, 10, 10, 4, 4),
+                                   tessaline::test::lookAtCamera(c1, target, up, 10, 10, 4, 4)};
+    std::vector<float> depth(w * h), score(w * h);
+    testing::internal::CaptureStdout();
+    PlaneSweep_InvDepth_CUDA(1, w, h, stack.data(), cams, w, h, 1, depth.data(), score.data(), 0.4f, 0.01f, 4);
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(out, "run kernel...\nthreads per block: 32 32\nnumber of blocks: 1 1\ncopy back data...\n");
+    EXPECT_EQ(display(true).status, 1);
+}
+
 TEST_P(PrintfRing, CheckFuncRefusesAShortArray) {
     ASSERT_EQ(cuPrintfInit(1048576), 0);
     std::vector<float> g(kValues - 1, 0.0f);

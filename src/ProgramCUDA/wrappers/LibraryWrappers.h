@@ -1,5 +1,6 @@
 // Templated host wrappers of the dormant device library.
 #pragma once
 
+#include "wrappers/PlaneSweepWrappers.h"
 #include "wrappers/PrintfBracket.h"
 #include "wrappers/PrintfWrappers.h"
