@@ -1,0 +1,71 @@
+// tessaline_compare REFERENCE.ply TEST.ply [--samples N] [--json]: accuracy
+// and completeness of TEST against REFERENCE.
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "MeshCompare.h"
+#include "plyIO.h"
+
+namespace tessaline::compare {
+
+int runCompareCommand(int argc, char** argv) {
+    std::string referencePath, testPath;
+    size_t samples = 100000;
+    bool json = false;
+    CLI::App app{"Accuracy (TEST to REFERENCE) and completeness (REFERENCE to TEST) of a mesh against a "
+                 "reference mesh, from points sampled uniformly by area."};
+    app.add_option("REFERENCE", referencePath, "Reference mesh (ASCII PLY)")->required();
+    app.add_option("TEST", testPath, "Mesh to measure (ASCII PLY)")->required();
+    app.add_option("--samples", samples, "Points sampled on each mesh")
+        ->capture_default_str()
+        ->check(CLI::Range(size_t(1), size_t(100000000)));
+    app.add_flag("--json", json, "Print the result as one line of JSON (the last line of the output)");
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        std::cout << app.help();
+        return 0;
+    } catch (const CLI::ParseError& e) {
+        std::cout << "Error: " << e.what() << "\n" << "Run with --help for the options." << std::endl;
+        return 2;
+    }
+
+    try {
+        TriMesh reference, test;
+        if (!loadPly(reference, referencePath)) {
+            std::cout << "Error: cannot read the reference mesh " << referencePath << std::endl;
+            return 1;
+        }
+        if (!loadPly(test, testPath)) {
+            std::cout << "Error: cannot read the test mesh " << testPath << std::endl;
+            return 1;
+        }
+        MeshComparison result;
+        std::string error;
+        if (!compareMeshes(reference, test, samples, result, error)) {
+            std::cout << "Error: " << error << std::endl;
+            return 1;
+        }
+        if (json) {
+            std::cout << comparisonJson(result, referencePath, testPath) << std::endl;
+        } else {
+            std::cout << "reference: " << referencePath << " (" << reference.num_v << " vertices, " << reference.num_f
+                      << " facets)\n";
+            std::cout << "test:      " << testPath << " (" << test.num_v << " vertices, " << test.num_f
+                      << " facets)\n";
+            std::cout << "accuracy: test to reference; completeness: reference to test\n";
+            std::cout << comparisonTable(result) << std::flush;
+        }
+        return 0;
+    } catch (const std::exception& e) {
+        // Allocation failures and library errors end here, not in an abort.
+        std::cout << "Error: " << e.what() << std::endl;
+        return 1;
+    }
+}
+
+}  // namespace tessaline::compare
