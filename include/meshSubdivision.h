@@ -1,0 +1,43 @@
+// Mesh subdivision (Parts 3.2 and 3.3): the choice of facets from rendered
+// facet maps, and the division of the chosen facets without T-junctions.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include <opencv2/core.hpp>
+
+#include "TriMesh.h"
+#include "mycamera.h"
+
+// Splits every edge of each facet whose bit is set at its midpoint,
+// then cuts every facet that owns a split edge into two, three or four
+// children. Appends vertices and facets, keeps every existing index, and
+// rebuilds edges, facet_edges, valences and num_valences for the mesh as it
+// was at entry. One bit per facet; its size should equal num_f.
+void divideFacets(TriMesh& mesh, const std::vector<bool>& facet_divide_indicator);
+
+// One camera: makes the four images at LV rows and LU columns
+// (depth and both weights CV_32F, facet CV_32S), clears them (largest finite
+// float, -1, -1.0, -1.0) and renders the mesh into them with the z-buffer,
+// area origin (0, 0).
+void renderFacetMaps(const TriMesh& mesh, const mycamera& camera, int LU, int LV, cv::Mat& depth_image,
+                     cv::Mat& facet_image, cv::Mat& bary_b_image, cv::Mat& bary_c_image);
+
+// Clearing, counting and selection of one pass on facet maps already rendered:
+// sizes facet_divide_indicator and facet_view_count to num_f, counts for each
+// facet the images in which it covers 50 or more pixels of the LU x LV area
+// (a pixel holding -1, or an index not below num_f, counts for nobody), and
+// sets the bit of each facet seen in at least 2 images none of whose vertices
+// has no_divide. Returns the number of selected facets. Each pixel is read
+// once. Every facet image must have at least LV rows and LU columns, of type
+// CV_32S.
+int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>& facet_images, int LU, int LV,
+                                std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count);
+
+// At most two passes of render, select, divide. Prints
+// "subdividing at level <pass> : <count> facets" before each division and
+// "stop dividing" when a pass selects nothing. Only the number and the sizes
+// of the images in imgLaplaceList are read.
+void subdivideMeshAdaptively(TriMesh& mesh, const std::vector<mycamera>& cameraList,
+                             const std::vector<cv::Mat>& imgLaplaceList, int LU, int LV);

@@ -1,0 +1,156 @@
+// Adaptive facet selection: render the mesh into every camera of
+// the level, count each facet's pixels per image, and divide the facets that
+// cover 50 or more pixels in at least two images; at most two passes a call.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <iostream>
+#include <limits>
+#include <vector>
+
+#include "ProgramCUDA.h"
+#include "TriMesh.h"
+#include "meshSubdivision.h"
+
+namespace {
+
+// A facet counts as seen in an image with more than 49 pixels there, and is
+// selected when seen in at least 2 images.
+constexpr int32_t kMinPixelsExclusive = 49;
+constexpr int32_t kMinImages = 2;
+constexpr int kPassesPerCall = 2;
+
+}  // namespace
+
+void renderFacetMaps(const TriMesh& mesh, const mycamera& camera, int LU, int LV, cv::Mat& depth_image,
+                     cv::Mat& facet_image, cv::Mat& bary_b_image, cv::Mat& bary_c_image) {
+    // A negative extent renders nothing (the maps are made empty); the caller
+    // has already reported it.
+    const int cols = std::max(LU, 0), rows = std::max(LV, 0);
+    // Step 1: made anew at LV x LU (create reuses the buffer of an image of
+    // the same size and type, so a second pass allocates nothing).
+    depth_image.create(rows, cols, CV_32F);
+    facet_image.create(rows, cols, CV_32S);
+    bary_b_image.create(rows, cols, CV_32F);
+    bary_c_image.create(rows, cols, CV_32F);
+    // Step 2: the renderer's clear values; the depth clear is the largest
+    // finite float32, bit pattern 0x7F7FFFFF.
+    depth_image.setTo(cv::Scalar(double(std::numeric_limits<float>::max())));
+    facet_image.setTo(cv::Scalar(-1));
+    bary_b_image.setTo(cv::Scalar(-1.0));
+    bary_c_image.setTo(cv::Scalar(-1.0));
+    if (rows == 0 || cols == 0) return;
+    // Step 3.
+    mycamera_cuda cameraCuda;
+    toCameraCuda(cameraCuda, camera);
+    // Step 4: area origin BU = BV = 0. Freshly created matrices are
+    // continuous, so each is one row-major block of LU*LV elements.
+    TriMesh_Image_ZBuffering_CUDA(mesh.num_v, mesh.vertices.data(), mesh.num_f, mesh.facets.data(), cameraCuda, 0, 0,
+                                  cols, rows, depth_image.ptr<float>(), facet_image.ptr<int>(),
+                                  bary_b_image.ptr<float>(), bary_c_image.ptr<float>());
+}
+
+int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>& facet_images, int LU, int LV,
+                                std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count) {
+    const int32_t num_f = std::max(mesh.num_f, 0);
+    // Step 3: bits cleared, view counts zero.
+    facet_divide_indicator.assign(size_t(num_f), false);
+    facet_view_count.assign(size_t(num_f), 0);
+    std::vector<int32_t> facet_pixel_count(size_t(num_f), 0);
+
+    // Step 5: each pixel of each image is read once. Facets of no pixel keep
+    // a count of 0; only those with pixels are looked at afterwards, so the
+    // cost per image is its pixels plus the facets it shows.
+    std::vector<int32_t> seen;
+    for (const cv::Mat& image : facet_images) {
+        const int rows = std::min(std::max(LV, 0), image.rows);
+        const int cols = std::min(std::max(LU, 0), image.cols);
+        seen.clear();
+        for (int y = 0; y < rows; ++y) {
+            const int32_t* row = image.ptr<int32_t>(y);
+            for (int x = 0; x < cols; ++x) {
+                const int32_t id = row[x];
+                if (id < 0 || id >= num_f) continue;
+                if (facet_pixel_count[size_t(id)]++ == 0) seen.push_back(id);
+            }
+        }
+        for (const int32_t f : seen) {
+            if (facet_pixel_count[size_t(f)] > kMinPixelsExclusive) facet_view_count[size_t(f)] += 1;
+            facet_pixel_count[size_t(f)] = 0;  // set to 0 before the next image
+        }
+    }
+
+    // Step 6: no neighbour is looked at; no_divide on any vertex blocks.
+    int32_t selected = 0;
+    for (int32_t f = 0; f < num_f; ++f) {
+        if (facet_view_count[size_t(f)] < kMinImages) continue;
+        bool blocked = false;
+        for (int k = 0; k < 3; ++k) {
+            const int32_t v = mesh.facets[3 * size_t(f) + size_t(k)];
+            if (mesh.vertex_records[size_t(v)].no_divide) blocked = true;
+        }
+        if (blocked) continue;
+        facet_divide_indicator[size_t(f)] = true;
+        ++selected;
+    }
+    return selected;
+}
+
+void subdivideMeshAdaptively(TriMesh& mesh, const std::vector<mycamera>& cameraList,
+                             const std::vector<cv::Mat>& imgLaplaceList, int LU, int LV) {
+    // Step 1: the checks of Failure handling, in their order.
+    if (imgLaplaceList.empty()) {
+        std::cout << "Error: imgList.size() <= 0" << std::endl;
+        // Decision (Left to the implementer): with no image there is no
+        // first image to take sizes from; return, the mesh untouched.
+        return;
+    }
+    if (cameraList.size() != imgLaplaceList.size()) {
+        std::cout << "Error: cameraList.size() != imgLaplaceList.size()" << std::endl;
+    }
+    const cv::Mat& first = imgLaplaceList[0];
+    for (size_t i = 1; i < imgLaplaceList.size(); ++i) {
+        // Decision: one line per differing image, then carry on; every facet
+        // map still has LV rows and LU columns.
+        if (imgLaplaceList[i].rows != first.rows || imgLaplaceList[i].cols != first.cols) {
+            std::cout << "Error: current version does not support image with different size" << std::endl;
+        }
+    }
+    if (first.rows < 0 || first.cols < 0 || LU < 0 || LV < 0 || LU > first.cols || LV > first.rows) {
+        std::cout << "Error: ROI (BU, BV, LU, LV) do not fit the imgLaplace size" << std::endl;
+    }
+    // The pixels of imgLaplaceList take no part in the decision: the
+    // criterion is the facet's footprint alone. A Laplacian-based facet
+    // measure (Left to the implementer) is not part of it.
+
+    // Decision: when the two lists differ in length only the cameras that
+    // have an image are rendered (the shorter of the two lists).
+    const size_t num_cameras = std::min(cameraList.size(), imgLaplaceList.size());
+
+    // Step 2: the four image lists, sized once per call.
+    std::vector<cv::Mat> depth_images(num_cameras), facet_images(num_cameras), bary_b_images(num_cameras),
+        bary_c_images(num_cameras);
+    std::vector<bool> facet_divide_indicator;
+    std::vector<int32_t> facet_view_count;
+
+    for (int pass = 0; pass < kPassesPerCall; ++pass) {
+        // Step 4: render every camera into its images.
+        for (size_t i = 0; i < num_cameras; ++i) {
+            renderFacetMaps(mesh, cameraList[i], LU, LV, depth_images[i], facet_images[i], bary_b_images[i],
+                            bary_c_images[i]);
+        }
+        // Steps 3, 5 and 6.
+        const int32_t selected =
+            selectFacetsForDivision(mesh, facet_images, LU, LV, facet_divide_indicator, facet_view_count);
+        // Step 7.
+        if (mesh.num_f == 0 || selected == 0) {
+            std::cout << "stop dividing" << std::endl;
+            return;
+        }
+        // Step 8: the number after "level" is the pass number.
+        std::cout << "subdividing at level " << pass << " : " << selected << " facets" << std::endl;
+        // Step 9.
+        divideFacets(mesh, facet_divide_indicator);
+        // Step 10: after the second pass the call ends without a line.
+    }
+}
