@@ -12,128 +12,77 @@
 namespace {
 
 using namespace tessaline;
-using tessaline::test::GridMesh;
 using tessaline::test::OneRings;
 
-std::vector<float> smoothness(const std::vector<float>& input, const OneRings& rings, bool normalise) {
-    const int numV = int(rings.counts.size());
-    std::vector<float> output(input.size(), 123.0f);
-    CpuBackend be;
-    be.launch1D(numV, kWideBlock,
-                Kernel_ComputeSmoothnessGradient{numV, input.data(), 0, nullptr, rings.list.data(),
-                                                 rings.counts.data(), rings.offsets.data(), output.data(), normalise});
-    return output;
+std::vector<float> umbrella(const std::vector<float>& input, const OneRings& r, bool normalise) {
+    const int n = int(r.counts.size());
+    std::vector<float> out(input.size(), 123.0f);
+    CpuBackend().launch1D(n, kWideBlock,
+                          Kernel_ComputeSmoothnessGradient{n, input.data(), 0, nullptr, r.list.data(), r.counts.data(),
+                                                           r.offsets.data(), out.data(), normalise});
+    return out;
 }
 
-// Inside the grid every vertex has six neighbours in opposite pairs, so the
-// mean of its ring is the vertex itself.
-TEST(Smoothness, InteriorVertexOfAFlatRegularGridHasZeroUmbrella) {
-    const GridMesh m = tessaline::test::makeGridMesh(4, 1.0, 0.5);
-    const OneRings rings = tessaline::test::oneRingsOf(m.numV(), m.facets);
-    const std::vector<float> L = smoothness(m.vertices, rings, false);
-    for (int j = 1; j < m.side - 1; ++j)
-        for (int i = 1; i < m.side - 1; ++i) {
+TEST(Smoothness, FlatGridIsStillAndARaisedVertexIsPulledBack) {
+    tessaline::test::GridMesh m = tessaline::test::makeGridMesh(4, 1.0, 0.0);
+    const OneRings r = tessaline::test::oneRingsOf(m.numV(), m.facets);
+    const int raised = m.at(2, 2);
+    m.vertices[3 * raised + 2] = 0.3f;
+    const std::vector<float> L = umbrella(m.vertices, r, false);
+    for (int j = 1; j < 4; ++j)
+        for (int i = 1; i < 4; ++i) {
             const int v = m.at(i, j);
-            ASSERT_EQ(rings.counts[v], 6);
-            for (int c = 0; c < 3; ++c) EXPECT_NEAR(L[3 * v + c], 0.0f, 1e-6f) << i << "," << j;
+            ASSERT_EQ(r.counts[v], 6);  // six neighbours in opposite pairs
+            EXPECT_NEAR(L[3 * v], 0.0f, 1e-6f);
+            EXPECT_NEAR(L[3 * v + 1], 0.0f, 1e-6f);
+            const bool ringOfRaised = std::abs(i - 2) + std::abs(j - 2) == 1 || (i - 2) * (j - 2) == -1;
+            EXPECT_NEAR(L[3 * v + 2], v == raised ? 0.3f : ringOfRaised ? -0.05f : 0.0f, 1e-6f) << i << "," << j;
         }
-    // A corner's neighbours lie to one side: its umbrella points outward.
-    const int corner = m.at(0, 0);
-    EXPECT_LT(L[3 * corner], 0.0f);
-    EXPECT_LT(L[3 * corner + 1], 0.0f);
-    EXPECT_EQ(L[3 * corner + 2], 0.0f);
 }
 
-TEST(Smoothness, RaisedVertexGetsItsRaiseOverTheMeanOfItsRing) {
-    GridMesh m = tessaline::test::makeGridMesh(4, 1.0, 0.0);
-    const OneRings rings = tessaline::test::oneRingsOf(m.numV(), m.facets);
-    const int v = m.at(2, 2);
-    m.vertices[3 * v + 2] = 0.3f;
-    const std::vector<float> L = smoothness(m.vertices, rings, false);
-    EXPECT_NEAR(L[3 * v], 0.0f, 1e-6f);
-    EXPECT_NEAR(L[3 * v + 1], 0.0f, 1e-6f);
-    EXPECT_NEAR(L[3 * v + 2], 0.3f, 1e-6f);
-    // Each neighbour sees one sixth of the raise, downward.
-    for (int k = 0; k < rings.counts[v]; ++k) {
-        const int u = rings.list[rings.offsets[v] + k];
-        if (rings.counts[u] == 6) EXPECT_NEAR(L[3 * u + 2], -0.05f, 1e-6f);
-    }
-}
-
-// The octahedron: every vertex has valence 4, and the mean of a vertex's
-// ring is the origin, so L(v) = v and L2(v) = (v - mean of L over the ring)
-// / (1 + 4) = v / 5.
-TEST(Smoothness, SecondOrderDividesByOnePlusValenceOnARegularMesh) {
+TEST(Smoothness, SecondOrderDivisorAddsValenceOverNeighbourValence) {
+    // Octahedron: valence 4 everywhere and each ring's mean is the origin,
+    // so L(v) = v and L2(v) = (v - 0) / (1 + 4).
     const std::vector<float> V = {1, 0, 0, -1, 0, 0, 0, 1, 0, 0, -1, 0, 0, 0, 1, 0, 0, -1};
-    const std::vector<int> F = {0, 2, 4, 2, 1, 4, 1, 3, 4, 3, 0, 4, 2, 0, 5, 1, 2, 5, 3, 1, 5, 0, 3, 5};
-    const OneRings rings = tessaline::test::oneRingsOf(6, F);
-    const std::vector<float> L = smoothness(V, rings, false);
-    EXPECT_EQ(L, V);
-    const std::vector<float> L2 = smoothness(L, rings, true);
-    for (size_t i = 0; i < V.size(); ++i) EXPECT_FLOAT_EQ(L2[i], V[i] / 5.0f) << i;
-}
-
-TEST(Smoothness, DivisorAddsValenceOverNeighbourValence) {
-    // A fan: centre 0 with ring 1..4 (a closed square), each rim vertex with
-    // valence 3. Divisor at the centre: 1 + 4 * (4/3); at a rim vertex with
-    // neighbours of valence 4, 3 and 3: 1 + 3/4 + 3/3 + 3/3.
-    const std::vector<int> F = {0, 1, 2, 0, 2, 3, 0, 3, 4, 0, 4, 1};
-    const OneRings rings = tessaline::test::oneRingsOf(5, F);
-    const std::vector<float> input = {1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
-    const std::vector<float> L2 = smoothness(input, rings, true);
-    EXPECT_FLOAT_EQ(L2[0], 1.0f / (1.0f + 4.0f * 4.0f / 3.0f));
-    // Rim vertex 1: input 0, the centre's 1 weighs -1/3; divisor 1 + 3/4 + 2.
-    EXPECT_FLOAT_EQ(L2[3], (-1.0f / 3.0f) / (1.0f + 0.75f + 2.0f));
+    const OneRings octa =
+        tessaline::test::oneRingsOf(6, {0, 2, 4, 2, 1, 4, 1, 3, 4, 3, 0, 4, 2, 0, 5, 1, 2, 5, 3, 1, 5, 0, 3, 5});
+    EXPECT_EQ(umbrella(V, octa, false), V);
+    const std::vector<float> L2 = umbrella(V, octa, true);
+    for (size_t i = 0; i < V.size(); ++i) EXPECT_FLOAT_EQ(L2[i], V[i] / 5.0f);
+    // Fan of four around vertex 0, rim valence 3: divisor 1 + 4 * 4/3 at the
+    // centre; 1 + 3/4 + 3/3 + 3/3 at a rim vertex.
+    const OneRings fan = tessaline::test::oneRingsOf(5, {0, 1, 2, 0, 2, 3, 0, 3, 4, 0, 4, 1});
+    const std::vector<float> F = umbrella({1, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}, fan, true);
+    EXPECT_FLOAT_EQ(F[0], 1.0f / (1.0f + 4.0f * 4.0f / 3.0f));
+    EXPECT_FLOAT_EQ(F[3], (-1.0f / 3.0f) / 3.75f);
 }
 
 TEST(Smoothness, IsolatedVertexKeepsItsOwnPosition) {
-    OneRings rings;
-    rings.counts = {0, 1, 1};
-    rings.offsets = {0, 0, 1};
-    rings.list = {2, 1};
+    const OneRings r{{2, 1}, {0, 1, 1}, {0, 0, 1}};
     const std::vector<float> V = {1.5f, -2.0f, 3.0f, 0, 0, 0, 1, 1, 1};
     for (bool normalise : {false, true}) {
-        const std::vector<float> L = smoothness(V, rings, normalise);
-        EXPECT_EQ(L[0], 1.5f);
-        EXPECT_EQ(L[1], -2.0f);
-        EXPECT_EQ(L[2], 3.0f);
+        const std::vector<float> L = umbrella(V, r, normalise);
+        EXPECT_EQ(std::vector<float>(L.begin(), L.begin() + 3), std::vector<float>(V.begin(), V.begin() + 3));
     }
 }
 
-std::vector<float> facetNormals(const std::vector<float>& V, const std::vector<int>& F) {
-    const int numF = int(F.size() / 3);
-    std::vector<float> N(F.size(), 7.0f);
-    CpuBackend be;
-    be.launch1D(numF, kWideBlock, Kernel_Compute_FacetNormal{int(V.size() / 3), V.data(), numF, F.data(), N.data()});
-    return N;
-}
-
-TEST(FacetNormal, FollowsTheWindingByTheRightHandRule) {
+TEST(FacetNormal, RightHandRuleAndNotANumberForADegenerateFacet) {
     const std::vector<float> V = {0, 0, 0, 2, 0, 0, 0, 3, 0, 1, 1, 1};
-    const std::vector<float> N = facetNormals(V, {0, 1, 2, 0, 2, 1, 0, 1, 3});
-    EXPECT_EQ(N[0], 0.0f);
-    EXPECT_EQ(N[1], 0.0f);
-    EXPECT_EQ(N[2], 1.0f);
-    EXPECT_EQ(N[5], -1.0f);  // reversed winding
-    const float s = 1.0f / std::sqrt(2.0f);
-    EXPECT_NEAR(N[6], 0.0f, 1e-7f);  // (2,0,0) x (1,1,1) = (0,-2,2)
-    EXPECT_NEAR(N[7], -s, 1e-6f);
-    EXPECT_NEAR(N[8], s, 1e-6f);
-}
-
-TEST(FacetNormal, DegenerateFacetGetsNotANumber) {
-    const std::vector<float> V = {0, 0, 0, 1, 2, 3};
-    const std::vector<float> N = facetNormals(V, {0, 1, 1});
-    for (float c : N) EXPECT_TRUE(std::isnan(c));
+    const std::vector<int> F = {0, 1, 2, 0, 2, 1, 0, 1, 3, 0, 1, 1};
+    std::vector<float> N(F.size(), 7.0f);
+    CpuBackend().launch1D(4, kWideBlock, Kernel_Compute_FacetNormal{4, V.data(), 4, F.data(), N.data()});
+    EXPECT_EQ(std::vector<float>(N.begin(), N.begin() + 6), (std::vector<float>{0, 0, 1, 0, 0, -1}));
+    EXPECT_NEAR(N[7], -std::sqrt(0.5f), 1e-6f);  // (2,0,0) x (1,1,1) = (0,-2,2)
+    EXPECT_NEAR(N[8], std::sqrt(0.5f), 1e-6f);
+    for (int c = 9; c < 12; ++c) EXPECT_TRUE(std::isnan(N[c]));
 }
 
 TEST(ArrayFills, FillExactlyTheirCount) {
-    CpuBackend be;
     for (int n : {0, 1, 511, 512, 513}) {
         std::vector<float> f(size_t(n) + 4, -3.0f);
         std::vector<int> i(size_t(n) + 4, -3);
-        be.launch1D(n, kWideBlock, Kernel_Set_FloatArray{n, f.data(), 2.5f});
-        be.launch1D(n, kWideBlock, Kernel_Set_IntArray{n, i.data(), 9});
+        CpuBackend().launch1D(n, kWideBlock, Kernel_Set_FloatArray{n, f.data(), 2.5f});
+        CpuBackend().launch1D(n, kWideBlock, Kernel_Set_IntArray{n, i.data(), 9});
         for (int k = 0; k < n + 4; ++k) {
             EXPECT_EQ(f[k], k < n ? 2.5f : -3.0f) << n << " " << k;
             EXPECT_EQ(i[k], k < n ? 9 : -3) << n << " " << k;

@@ -1,6 +1,6 @@
-// Photometric gradient on the CPU backend: the direction of the gradient
-// against finite differences of the summed NCC score on a plane scene, the
-// cosine limit, and the per-vertex pair counting and normalisation.
+// Photometric gradient on the CPU backend: its direction against finite
+// differences of the summed NCC score on a plane scene, the cosine limit, and
+// the per-vertex pair counting and normalisation.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -13,241 +13,125 @@
 namespace {
 
 using namespace tessaline;
-using tessaline::test::GridMesh;
 
-// Three cameras over the textured plane z = 0 and a grid mesh `offset` away
-// from it, held by the optimiser's own call record on the CPU backend.
-struct PlaneScenePipeline {
-    static constexpr int W = 96, H = 80, cams = 3;
-    GridMesh mesh;
-    tessaline::test::OneRings rings;
-    std::vector<mycamera_cuda> cameras;
-    std::vector<uint8_t> images;
-    std::vector<uint8_t> pairMask;
-    MeshOptimizationArgs args;
-    CpuBackend be;
-    MeshOptimizationCall<CpuBackend> call;
-
-    explicit PlaneScenePipeline(double offset)
-        : mesh(tessaline::test::makeGridMesh(4, 0.5, offset)),
-          rings(tessaline::test::oneRingsOf(mesh.numV(), mesh.facets)),
-          cameras(makeCameras()),
-          images(makeImages(cameras)),
-          pairMask(cams * cams, 1),
-          args{mesh.numV(),   mesh.vertices.data(), mesh.numF(), mesh.facets.data(), int(rings.list.size()),
-               rings.list.data(), rings.counts.data(), rings.offsets.data(), cams, W, H, cameras.data(),
-               images.data(), 1, pairMask.data(), true},
-          call(be, args) {
-        call.allocate();
-        call.meanDepthPass();
-    }
-
-    static std::vector<mycamera_cuda> makeCameras() {
-        return {tessaline::test::planeCamera(-0.3, 0.0, -2.0, 100.0, W, H),
-                tessaline::test::planeCamera(0.3, 0.05, -2.0, 100.0, W, H),
-                tessaline::test::planeCamera(0.0, 0.3, -1.9, 100.0, W, H)};
-    }
-    static std::vector<uint8_t> makeImages(const std::vector<mycamera_cuda>& cs) {
-        std::vector<uint8_t> all;
-        for (const auto& c : cs) {
-            const auto img = tessaline::test::renderPlaneImage(c, W, H);
-            all.insert(all.end(), img.begin(), img.end());
+// All pairs on the call's current vertices: the summed correlation of all
+// valid windows; GRAD_PHOTO is left normalised.
+double score(MeshOptimizationCall<CpuBackend>& call) {
+    call.beginIteration();
+    double sum = 0.0;
+    for (int i = 0; i < 3; ++i)
+        for (int j = 0; j < 3; ++j) {
+            if (!call.isPair(i, j)) continue;
+            call.pairChain(i, j);
+            for (int p = 0; p < tessaline::test::PlaneScene::W * tessaline::test::PlaneScene::H; ++p)
+                if (call.ncc.mask[p] == 1) sum += call.ncc.cc[p];
         }
-        return all;
-    }
-
-    // Runs all pairs on the current device vertices; returns the summed
-    // correlation of all valid windows and leaves the normalised gradient.
-    double scoreAndGradient(int* validPixels = nullptr) {
-        call.beginIteration();
-        double score = 0.0;
-        int valid = 0;
-        for (int i = 0; i < cams; ++i)
-            for (int j = 0; j < cams; ++j) {
-                if (!call.isPair(i, j)) continue;
-                call.pairChain(i, j);
-                for (int p = 0; p < W * H; ++p)
-                    if (call.ncc.mask[p] == 1) score += call.ncc.cc[p], ++valid;
-            }
-        call.normalizeGradient();
-        if (validPixels) *validPixels = valid;
-        return score;
-    }
-    float* vertex(int v) { return call.d_vertices + 3 * v; }
-    const float* gradient(int v) const { return call.GRAD_PHOTO + 3 * v; }
-
-    ~PlaneScenePipeline() { call.release(); }
-};
+    call.normalizeGradient();
+    return sum;
+}
 
 TEST(PhotometricGradient, DescentDirectionAgreesWithFiniteDifferencesOfTheScore) {
-    PlaneScenePipeline scene(0.03);
-    int valid = 0;
-    scene.scoreAndGradient(&valid);
-    ASSERT_GT(valid, 3000);
-    const int nv = scene.mesh.numV();
-    std::vector<float> G(scene.call.GRAD_PHOTO, scene.call.GRAD_PHOTO + 3 * nv);
-    float largest = 0.0f;
+    // Three cameras and the grid mesh 0.03 behind the plane, in the
+    // optimiser's own call record.
+    tessaline::test::PlaneScene s(3, 0.03);
+    const std::vector<uint8_t> pairs(9, 1);
+    // clang-format off
+    const MeshOptimizationArgs args{s.mesh.numV(), s.mesh.vertices.data(), s.mesh.numF(), s.mesh.facets.data(),
+                                    int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
+                                    s.rings.offsets.data(), 3, s.W, s.H, s.cameras.data(), s.images.data(), 1,
+                                    pairs.data(), true};
+    // clang-format on
+    CpuBackend be;
+    MeshOptimizationCall<CpuBackend> call(be, args);
+    call.allocate();
+    call.meanDepthPass();
+    const double start = score(call);
+    const int nv = s.mesh.numV();
+    const std::vector<float> G(call.GRAD_PHOTO, call.GRAD_PHOTO + 3 * nv);
+    float largest = 0.0f, sum = 0.0f;
     for (int v = 0; v < nv; ++v) {
-        // The mesh is flat with normals -z: the gradient is along z alone.
-        EXPECT_EQ(G[3 * v], 0.0f);
+        EXPECT_EQ(G[3 * v], 0.0f);  // flat mesh, normals along z: so is the gradient
         EXPECT_EQ(G[3 * v + 1], 0.0f);
         largest = std::max(largest, std::fabs(G[3 * v + 2]));
+        sum += G[3 * v + 2];
     }
-    ASSERT_GT(largest, 0.0f);
-
-    // Central differences of the score for each interior vertex moved in z.
-    const float eps = 0.004f;
+    EXPECT_GT(sum, 0.0f);  // the descent moves the mesh toward the plane, -z
     int checked = 0;
-    for (int j = 1; j < scene.mesh.side - 1; ++j)
-        for (int i = 1; i < scene.mesh.side - 1; ++i) {
-            const int v = scene.mesh.at(i, j);
+    for (int j = 1; j < 4; ++j)
+        for (int i = 1; i < 4; ++i) {
+            const int v = s.mesh.at(i, j);
             if (std::fabs(G[3 * v + 2]) < 0.2f * largest) continue;
-            float* z = scene.vertex(v) + 2;
-            const float z0 = *z;
-            *z = z0 + eps;
-            const double up = scene.scoreAndGradient();
-            *z = z0 - eps;
-            const double down = scene.scoreAndGradient();
-            *z = z0;
-            const double slope = (up - down) / (2.0 * eps);
-            // Moving along -GRAD_PHOTO raises the score.
-            EXPECT_GT(-G[3 * v + 2] * slope, 0.0) << "vertex " << i << "," << j << " slope " << slope;
+            float& z = call.d_vertices[3 * v + 2];
+            const float z0 = z, eps = 0.004f;
+            z = z0 + eps;
+            const double up = score(call);
+            z = z0 - eps;
+            const double down = score(call);
+            z = z0;
+            EXPECT_GT(-G[3 * v + 2] * (up - down), 0.0) << "vertex " << i << "," << j;
             ++checked;
         }
     EXPECT_GE(checked, 4);
-
-    // And a small step of all vertices along -GRAD_PHOTO raises it overall.
-    const double before = scene.scoreAndGradient();
-    for (int v = 0; v < nv; ++v) scene.vertex(v)[2] -= 0.01f * G[3 * v + 2] / largest;
-    EXPECT_GT(scene.scoreAndGradient(), before);
+    for (int v = 0; v < nv; ++v) call.d_vertices[3 * v + 2] -= 0.01f * G[3 * v + 2] / largest;
+    EXPECT_GT(score(call), start);
+    call.release();
 }
 
-TEST(PhotometricGradient, PointsTowardTheTrueSurfaceFromEitherSide) {
-    for (double offset : {0.03, -0.03}) {
-        PlaneScenePipeline scene(offset);
-        scene.scoreAndGradient();
-        double along = 0.0;
-        for (int v = 0; v < scene.mesh.numV(); ++v) along += scene.gradient(v)[2];
-        // The step -GRAD_PHOTO moves z toward 0: the gradient has the offset's sign.
-        EXPECT_GT(along * offset, 0.0) << "offset " << offset;
-    }
-}
-
-// A one-pixel gradient setup: the reference looks along +z from the origin
-// with its principal point at pixel (px, py), so that pixel's ray is exactly
-// (0, 0, 1) and the cosine with a normal (0, 0, nz) is exactly nz.
-struct OnePixelGradient {
-    static constexpr int W = 40, H = 40, px = 20, py = 20;
-    std::vector<int> facets{0, 1, 2};
-    std::vector<float> normals{0.0f, 0.0f, -1.0f};
-    std::vector<float> depth, baryB, baryC, ncc;
-    std::vector<int> facetRef;
-    std::vector<uint8_t> mask, stack;
+// One pixel whose ray is exactly (0, 0, 1): the reference looks along +z
+// from the origin with its principal point on pixel (20, 20). The target
+// sends X = (0, 0, z) to u = 16.3 + 4/z, v = 17.6, over a ramp brightening
+// with x. Facet 0 has normal (0, 0, nz), so the cosine is exactly nz.
+struct OnePixel {
     std::vector<float> grad = std::vector<float>(9, 0.0f), hits = std::vector<float>(3, 0.0f);
-    mycamera_cuda ref{}, tar{};
 
-    OnePixelGradient() {
-        const size_t n = size_t(W) * H;
-        depth.assign(n, 4.0f);
-        baryB.assign(n, 0.25f);
-        baryC.assign(n, 0.5f);
-        ncc.assign(n, 1.0f);
-        facetRef.assign(n, 0);
-        mask.assign(n, 0);
-        mask[size_t(py) * W + px] = 1;
-        ref.R[0] = ref.R[4] = ref.R[8] = 1.0f;
-        ref.K[0] = ref.K[4] = ref.K[8] = 1.0f;
-        ref.K[2] = float(px);
-        ref.K[5] = float(py);
-        ref.fx = ref.fy = 1.0f;
-        // Target: X = (0, 0, z) lands at u = 16.3 + 4/z, v = 17.6, with pw = z.
-        tar.P[2] = 16.3f;
-        tar.P[3] = 4.0f;
-        tar.P[6] = 17.6f;
-        tar.P[10] = 1.0f;
-        // A ramp in x in the target: a non-zero image gradient there.
-        stack.resize(n);
-        for (int y = 0; y < H; ++y)
-            for (int x = 0; x < W; ++x) stack[size_t(y) * W + x] = uint8_t(5 * x);
-    }
-
-    void run(const uint8_t* maskData = nullptr) {
+    explicit OnePixel(float nz) {
+        const int W = 40, H = 40, n = W * H;
+        const std::vector<int> facets{0, 1, 2}, facetRef(n, 0);
+        const std::vector<float> normal{0.0f, 0.0f, nz}, depth(n, 4.0f), b(n, 0.25f), c(n, 0.5f), g(n, 1.0f);
+        std::vector<uint8_t> mask(n, 0), ramp(n);
+        mask[20 * W + 20] = 1;
+        for (int e = 0; e < n; ++e) ramp[e] = uint8_t(5 * (e % W));
+        mycamera_cuda ref{}, tar{};
+        ref.R[0] = ref.R[4] = ref.R[8] = ref.K[0] = ref.K[4] = ref.K[8] = ref.fx = ref.fy = 1.0f;
+        ref.K[2] = ref.K[5] = 20.0f;
+        tar.P[2] = 16.3f, tar.P[3] = 4.0f, tar.P[6] = 17.6f, tar.P[10] = 1.0f;
         CpuBackend be;
-        LayeredTexture tex = be.makeLayeredTexture(stack.data(), W, H, 1);
-        Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA k{
-            1,           facets.data(), normals.data(), W,           H,        ref,         depth.data(),
-            facetRef.data(), 0,         tar,            nullptr,     nullptr,  0,           baryB.data(),
-            baryC.data(), ncc.data(),   maskData ? maskData : mask.data(), 1.0f, 1.0f, 3, grad.data(),
-            hits.data(), tex};
+        LayeredTexture tex = be.makeLayeredTexture(ramp.data(), W, H, 1);
+        // clang-format off
+        const Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA k{
+            1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), 0, tar, nullptr, nullptr, 0,
+            b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3, grad.data(), hits.data(), tex};
+        // clang-format on
         be.launch2D(W, H, kImageBlock, kImageBlock, k);
         be.releaseLayeredTexture(tex);
     }
 };
 
 TEST(PhotometricGradient, CosineLimitIsTheDoubleMinusOneTenth) {
-    // The float nearest -0.1 lies just below the double -0.1: it contributes.
-    const float nearest = -0.1f;
-    ASSERT_LT(double(nearest), -0.1);
-    OnePixelGradient in;
-    in.normals[2] = nearest;
-    in.run();
+    // The float nearest -0.1 lies below the double -0.1 and contributes.
+    ASSERT_LT(double(-0.1f), -0.1);
+    const OnePixel in(-0.1f);
     EXPECT_EQ(in.hits, std::vector<float>(3, 1.0f));
-    EXPECT_NE(in.grad[2], 0.0f);
-
-    // The next float toward zero is above the limit: no gradient, no hit.
-    OnePixelGradient out;
-    out.normals[2] = std::nextafter(nearest, 0.0f);
-    out.run();
+    // Weights 0.25, 0.25, 0.5 scale one motion along the normal. Moving away
+    // (+z) darkens B, which g = 1 says raises the score: the gradient that
+    // the descent subtracts has a negative z.
+    EXPECT_LT(in.grad[2], 0.0f);
+    EXPECT_EQ(in.grad[5], in.grad[2]);
+    EXPECT_FLOAT_EQ(in.grad[8], 2.0f * in.grad[2]);
+    // The next float toward zero lies above the limit: no gradient, no hit.
+    const OnePixel out(std::nextafter(-0.1f, 0.0f));
     EXPECT_EQ(out.hits, std::vector<float>(3, 0.0f));
     EXPECT_EQ(out.grad, std::vector<float>(9, 0.0f));
 }
 
-TEST(PhotometricGradient, ScattersAlongTheNormalWithBarycentricWeights) {
-    OnePixelGradient in;
-    in.run();
-    // Vertices 0, 1, 2 carry weights 0.25, 0.25, 0.5, all along the normal.
-    for (int v = 0; v < 3; ++v) {
-        EXPECT_EQ(in.grad[3 * v], 0.0f);
-        EXPECT_EQ(in.grad[3 * v + 1], 0.0f);
-    }
-    EXPECT_NE(in.grad[2], 0.0f);
-    EXPECT_FLOAT_EQ(in.grad[5], in.grad[2]);
-    EXPECT_FLOAT_EQ(in.grad[8], 2.0f * in.grad[2]);
-    // g > 0 says a brighter B lowers the score. The ramp brightens with x,
-    // and u = 16.3 + 4/z grows as the point comes toward the camera, so the
-    // score rises when the point moves away (+z): the gradient's z, which the
-    // descent subtracts, is negative.
-    EXPECT_LT(in.grad[2], 0.0f);
-}
-
-TEST(PhotometricGradient, ZeroNccGradientStillCountsAHit) {
-    OnePixelGradient in;
-    in.ncc.assign(in.ncc.size(), 0.0f);
-    in.run();
-    EXPECT_EQ(in.hits, std::vector<float>(3, 1.0f));
-    for (float g : in.grad) EXPECT_EQ(std::fabs(g), 0.0f);
-}
-
-TEST(PhotometricGradient, MaskedOutPixelReadsNothingBeyondTheMask) {
-    OnePixelGradient in;
-    std::vector<uint8_t> none(in.mask.size(), 0);
-    none[0] = 2;  // only 1 lets a pixel through
-    // Every other per-pixel array is gone: reading one would fault.
-    in.depth.clear(), in.baryB.clear(), in.baryC.clear(), in.ncc.clear(), in.facetRef.clear();
-    in.run(none.data());
-    EXPECT_EQ(in.hits, std::vector<float>(3, 0.0f));
-}
-
 TEST(PairCounting, CountsEachVertexOncePerPairAndAveragesOverPairs) {
     CpuBackend be;
-    const int nv = 4;
-    std::vector<float> count(nv, 0.0f), grad = {3, 6, 9, 1, 1, 1, 5, 5, 5, 2, 4, 8};
-    std::vector<uint8_t> updateMask(nv, 9);
-    // Pair 1 reached vertices 0 (many pixels) and 2; pair 2 reached vertex 0.
-    for (const std::vector<float>& hits : {std::vector<float>{7, 0, 1, 0}, std::vector<float>{2, 0, 0, 0}})
-        be.launch1D(nv, kWideBlock, Kernel_Update_Vt_Image_Pair_Count{nv, count.data(), hits.data()});
+    std::vector<float> count(4, 0.0f), grad = {3, 6, 9, 1, 1, 1, 5, 5, 5, 2, 4, 8};
+    std::vector<uint8_t> updateMask(4, 9);
+    for (const std::vector<float>& hits : {std::vector<float>{7, 0, 1, 0}, {2, 0, 0, 0}})
+        be.launch1D(4, kWideBlock, Kernel_Update_Vt_Image_Pair_Count{4, count.data(), hits.data()});
+    be.launch1D(4, kWideBlock, Kernel_Normalize_GRAD_PHOTO{4, grad.data(), count.data(), updateMask.data()});
     EXPECT_EQ(count, (std::vector<float>{2, 0, 1, 0}));
-    be.launch1D(nv, kWideBlock, Kernel_Normalize_GRAD_PHOTO{nv, grad.data(), count.data(), updateMask.data()});
     EXPECT_EQ(grad, (std::vector<float>{1.5f, 3, 4.5f, 0, 0, 0, 5, 5, 5, 0, 0, 0}));
     EXPECT_EQ(updateMask, (std::vector<uint8_t>{1, 0, 1, 0}));
 }
