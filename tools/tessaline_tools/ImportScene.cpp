@@ -1,0 +1,339 @@
+#include "ImportScene.h"
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <filesystem>
+#include <iostream>
+#include <locale>
+#include <map>
+#include <set>
+#include <sstream>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "FileIO.h"
+#include "ToolError.h"
+#include "plyIO.h"
+
+namespace fs = std::filesystem;
+
+namespace tessaline_tools {
+
+namespace {
+
+constexpr double kGoodAngleDeg = 5.0;
+constexpr double kBoxPadding = 0.05;
+constexpr size_t kMaxPathLength = 1023;
+
+struct View {
+    int modelIndex = 0;  // into model.images
+    std::string name;
+    std::string scenePath;
+    mycamera camera;
+};
+
+bool hasBlank(const std::string& s) {
+    return std::any_of(s.begin(), s.end(), [](unsigned char c) { return std::isspace(c) != 0; });
+}
+
+bool isImageFile(const fs::path& p) {
+    std::string ext = p.extension().string();
+    for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
+    static const std::set<std::string> exts = {".png", ".jpg", ".jpeg", ".tif", ".tiff", ".bmp",
+                                               ".ppm", ".pgm",  ".pnm",  ".webp", ".jp2"};
+    return exts.count(ext) > 0;
+}
+
+// The path written into the scene file for a photograph.
+std::string scenePathFor(const fs::path& image, const fs::path& outDir) {
+    const fs::path abs = fs::weakly_canonical(fs::absolute(image));
+    const fs::path rel = abs.lexically_relative(fs::weakly_canonical(fs::absolute(outDir)));
+    std::string path = rel.empty() ? abs.string() : rel.generic_string();
+    if (hasBlank(path) && !hasBlank(abs.string())) path = abs.string();
+    if (hasBlank(path))
+        throw ToolError("the path of the photograph " + abs.string() +
+                        " holds a blank, which the scene file cannot hold; move or rename it");
+    if (path.size() > kMaxPathLength)
+        throw ToolError("the path of the photograph " + abs.string() + " is " + std::to_string(path.size()) +
+                        " characters long as the scene file would give it; the tool takes at most " +
+                        std::to_string(kMaxPathLength));
+    return path;
+}
+
+std::string formatSceneFile(const std::vector<View>& views, const double box[6],
+                            const std::vector<std::vector<int>>& neighbours) {
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    out.precision(17);
+    out << views.size() << "\n";
+    for (const View& v : views) {
+        out << v.scenePath;
+        for (double r : v.camera.R) out << ' ' << r;
+        for (double t : v.camera.t) out << ' ' << t;
+        out << ' ' << v.camera.fx << ' ' << v.camera.fy << ' ' << v.camera.cx << ' ' << v.camera.cy << "\n";
+    }
+    // The tool reads the box as float32: nine digits give it back exactly.
+    out.precision(9);
+    out << float(box[0]) << ' ' << float(box[3]) << ' ' << float(box[1]) << ' ' << float(box[4]) << ' '
+        << float(box[2]) << ' ' << float(box[5]) << "\n";
+    for (size_t i = 0; i < neighbours.size(); ++i) {
+        out << i << ' ' << neighbours[i].size();
+        for (int j : neighbours[i]) out << ' ' << j;
+        out << "\n";
+    }
+    return out.str();
+}
+
+}  // namespace
+
+void quaternionToRotation(const double q[4], double R[9]) {
+    const double n = std::sqrt(q[0] * q[0] + q[1] * q[1] + q[2] * q[2] + q[3] * q[3]);
+    const double w = q[0] / n, x = q[1] / n, y = q[2] / n, z = q[3] / n;
+    R[0] = 1 - 2 * (y * y + z * z);
+    R[1] = 2 * (x * y - w * z);
+    R[2] = 2 * (x * z + w * y);
+    R[3] = 2 * (x * y + w * z);
+    R[4] = 1 - 2 * (x * x + z * z);
+    R[5] = 2 * (y * z - w * x);
+    R[6] = 2 * (x * z - w * y);
+    R[7] = 2 * (y * z + w * x);
+    R[8] = 1 - 2 * (x * x + y * y);
+}
+
+mycamera cameraFromColmap(const ColmapCamera& camera, const ColmapImage& image) {
+    const ColmapCameraModel* cm = colmapCameraModelById(camera.modelId);
+    const std::string modelName = cm ? cm->name : std::to_string(camera.modelId);
+    mycamera c;
+    if (cm && std::string(cm->name) == "SIMPLE_PINHOLE") {
+        c.fx = c.fy = camera.params[0];
+        c.cx = camera.params[1];
+        c.cy = camera.params[2];
+    } else if (cm && std::string(cm->name) == "PINHOLE") {
+        c.fx = camera.params[0];
+        c.fy = camera.params[1];
+        c.cx = camera.params[2];
+        c.cy = camera.params[3];
+    } else {
+        throw ToolError("camera " + std::to_string(camera.id) + " of image " + image.name + " uses the model " +
+                        modelName +
+                        ", which has lens distortion; the tool needs pinhole cameras. Undistort the images first "
+                        "with COLMAP's image_undistorter (it writes PINHOLE cameras and the undistorted "
+                        "photographs) and import its output");
+    }
+    if (!(c.fx > 0) || !(c.fy > 0))
+        throw ToolError("camera " + std::to_string(camera.id) + " has a focal length that is not positive");
+    // COLMAP: top-left pixel centre at (0.5, 0.5). Here: at (0, 0).
+    c.cx -= 0.5;
+    c.cy -= 0.5;
+    quaternionToRotation(image.q, c.R);
+    for (int k = 0; k < 3; ++k) c.t[k] = image.t[k];
+    updateIntrinsicMatrices(c);
+    updateProjectionMatrix(c);
+    return c;
+}
+
+std::vector<std::vector<int>> rankNeighbours(const ColmapModel& model, const std::vector<int>& order,
+                                             int maxNeighbours) {
+    const size_t n = order.size();
+    std::map<int, int> sceneIndex;  // model image index to scene camera
+    std::vector<std::array<double, 3>> centres(n);
+    for (size_t i = 0; i < n; ++i) {
+        sceneIndex[order[i]] = int(i);
+        const ColmapImage& image = model.images[size_t(order[i])];
+        double R[9];
+        quaternionToRotation(image.q, R);
+        for (int k = 0; k < 3; ++k)
+            centres[i][size_t(k)] = -(R[k] * image.t[0] + R[3 + k] * image.t[1] + R[6 + k] * image.t[2]);
+    }
+
+    std::vector<double> score(n * n, 0.0);
+    std::vector<int> seen;
+    const double goodAngle = kGoodAngleDeg * M_PI / 180.0;
+    for (const ColmapPoint3D& p : model.points) {
+        seen.clear();
+        for (const ColmapTrackElement& el : p.track) {
+            const auto it = sceneIndex.find(model.findImage(el.imageId));
+            if (it != sceneIndex.end() && std::find(seen.begin(), seen.end(), it->second) == seen.end())
+                seen.push_back(it->second);
+        }
+        for (size_t a = 0; a < seen.size(); ++a)
+            for (size_t b = a + 1; b < seen.size(); ++b) {
+                double ra[3], rb[3];
+                for (int k = 0; k < 3; ++k) {
+                    ra[k] = centres[size_t(seen[a])][size_t(k)] - p.xyz[k];
+                    rb[k] = centres[size_t(seen[b])][size_t(k)] - p.xyz[k];
+                }
+                const double la = std::sqrt(ra[0] * ra[0] + ra[1] * ra[1] + ra[2] * ra[2]);
+                const double lb = std::sqrt(rb[0] * rb[0] + rb[1] * rb[1] + rb[2] * rb[2]);
+                if (!(la > 0) || !(lb > 0)) continue;
+                const double cosA = (ra[0] * rb[0] + ra[1] * rb[1] + ra[2] * rb[2]) / (la * lb);
+                const double angle = std::acos(std::max(-1.0, std::min(1.0, cosA)));
+                const double w = std::min(1.0, angle / goodAngle);
+                score[size_t(seen[a]) * n + size_t(seen[b])] += w;
+                score[size_t(seen[b]) * n + size_t(seen[a])] += w;
+            }
+    }
+
+    std::vector<std::vector<int>> lists(n);
+    for (size_t i = 0; i < n; ++i) {
+        std::vector<int> others;
+        for (size_t j = 0; j < n; ++j)
+            if (j != i && score[i * n + j] > 0) others.push_back(int(j));
+        std::stable_sort(others.begin(), others.end(),
+                         [&](int a, int b) { return score[i * n + size_t(a)] > score[i * n + size_t(b)]; });
+        if (others.size() > size_t(maxNeighbours)) others.resize(size_t(maxNeighbours));
+        lists[i] = others;
+    }
+    return lists;
+}
+
+void paddedMeshBox(const MeshData& mesh, double box[6]) {
+    for (int k = 0; k < 3; ++k) {
+        box[k] = HUGE_VAL;
+        box[3 + k] = -HUGE_VAL;
+    }
+    for (size_t i = 0; i < mesh.vertices.size(); i += 3)
+        for (int k = 0; k < 3; ++k) {
+            box[k] = std::min(box[k], mesh.vertices[i + size_t(k)]);
+            box[3 + k] = std::max(box[3 + k], mesh.vertices[i + size_t(k)]);
+        }
+    const double side = std::max({box[3] - box[0], box[4] - box[1], box[5] - box[2]});
+    for (int k = 0; k < 3; ++k) {
+        box[k] -= kBoxPadding * side;
+        box[3 + k] += kBoxPadding * side;
+    }
+}
+
+void runImport(const ImportOptions& options) {
+    if (options.neighbours < 1) throw ToolError("--neighbours must be at least 1");
+
+    // --- the model
+    const ColmapModel model = readColmapModel(options.modelDir);
+    std::cout << "model " << options.modelDir << " ("
+              << (model.format == ColmapFormat::Binary ? "binary" : "text") << "): " << model.cameras.size()
+              << " cameras, " << model.images.size() << " registered images, " << model.points.size()
+              << " points" << std::endl;
+
+    // --- the mesh
+    const MeshData mesh = readMeshFile(options.meshPath);
+    if (mesh.numVertices() == 0 || mesh.numFacets() == 0) throw ToolError("the mesh " + options.meshPath + " is empty");
+    std::cout << "mesh " << options.meshPath << ": " << mesh.numVertices() << " vertices, " << mesh.numFacets()
+              << " triangles";
+    if (mesh.polygonsSplit > 0) std::cout << " (" << mesh.polygonsSplit << " polygons split into triangles)";
+    std::cout << std::endl;
+
+    // --- cameras, ordered by image name
+    std::vector<View> views(model.images.size());
+    for (size_t i = 0; i < model.images.size(); ++i) views[i].modelIndex = int(i);
+    std::sort(views.begin(), views.end(),
+              [&](const View& a, const View& b) { return model.images[size_t(a.modelIndex)].name <
+                                                         model.images[size_t(b.modelIndex)].name; });
+    if (views.size() < 2)
+        throw ToolError("the model registers " + std::to_string(views.size()) +
+                        " images; the tool needs at least two");
+    for (View& v : views) {
+        const ColmapImage& image = model.images[size_t(v.modelIndex)];
+        v.name = image.name;
+        v.camera = cameraFromColmap(model.cameras.at(image.cameraId), image);
+    }
+
+    // --- the photographs
+    const fs::path imageDir(options.imageDir);
+    std::error_code ec;
+    if (!fs::is_directory(imageDir, ec)) throw ToolError("the image folder " + options.imageDir + " does not exist");
+    int width = -1, height = -1;
+    std::string firstName;
+    for (View& v : views) {
+        const fs::path file = imageDir / v.name;
+        if (!fs::is_regular_file(file, ec))
+            throw ToolError("the model's image " + v.name + " is not in " + options.imageDir);
+        cv::Mat img;
+        try {
+            img = cv::imread(file.string(), cv::IMREAD_GRAYSCALE);
+        } catch (const cv::Exception&) {
+        }
+        if (img.empty()) throw ToolError("cannot read the photograph " + file.string());
+        const ColmapCamera& cam = model.cameras.at(model.images[size_t(v.modelIndex)].cameraId);
+        if (uint64_t(img.cols) != cam.width || uint64_t(img.rows) != cam.height)
+            throw ToolError("the photograph " + v.name + " is " + std::to_string(img.cols) + "x" +
+                            std::to_string(img.rows) + " but its camera in the model is " +
+                            std::to_string(cam.width) + "x" + std::to_string(cam.height) +
+                            "; give the folder of the images the model was made from");
+        if (width < 0) {
+            width = img.cols;
+            height = img.rows;
+            firstName = v.name;
+        } else if (img.cols != width || img.rows != height) {
+            throw ToolError("the photographs differ in size: " + firstName + " is " + std::to_string(width) + "x" +
+                            std::to_string(height) + ", " + v.name + " is " + std::to_string(img.cols) + "x" +
+                            std::to_string(img.rows) + "; the tool needs one size for all of them");
+        }
+        v.scenePath = scenePathFor(file, options.outDir);
+    }
+
+    // Photographs in the folder that the model left out.
+    std::set<std::string> registered;
+    for (const View& v : views) registered.insert(v.name);
+    std::vector<std::string> leftOut;
+    for (auto it = fs::recursive_directory_iterator(imageDir, fs::directory_options::skip_permission_denied, ec);
+         !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+        if (!it->is_regular_file(ec) || !isImageFile(it->path())) continue;
+        const std::string rel = it->path().lexically_relative(imageDir).generic_string();
+        if (!registered.count(rel)) leftOut.push_back(rel);
+    }
+    std::sort(leftOut.begin(), leftOut.end());
+    if (!leftOut.empty()) {
+        std::cout << "left out " << leftOut.size() << " image" << (leftOut.size() > 1 ? "s" : "")
+                  << " the model did not register:";
+        for (const std::string& s : leftOut) std::cout << ' ' << s;
+        std::cout << std::endl;
+    }
+
+    // --- neighbours and box
+    std::vector<int> order;
+    for (const View& v : views) order.push_back(v.modelIndex);
+    const std::vector<std::vector<int>> neighbours = rankNeighbours(model, order, options.neighbours);
+    double box[6];
+    paddedMeshBox(mesh, box);
+
+    size_t inside = 0;
+    for (const ColmapPoint3D& p : model.points) {
+        bool in = true;
+        for (int k = 0; k < 3; ++k) in = in && p.xyz[k] >= box[k] && p.xyz[k] <= box[3 + k];
+        inside += in;
+    }
+    if (!model.points.empty() && inside * 2 < model.points.size())
+        std::cout << "Warning: only " << inside << " of the model's " << model.points.size()
+                  << " points lie in the mesh's box; is the mesh in the model's frame?" << std::endl;
+
+    for (size_t i = 0; i < views.size(); ++i) {
+        std::cout << "camera " << i << " " << views[i].name << ": neighbours";
+        for (int j : neighbours[i]) std::cout << ' ' << j;
+        if (neighbours[i].empty()) std::cout << " none (it shares no points with another image)";
+        std::cout << std::endl;
+    }
+    std::cout << "bounding box " << box[0] << ' ' << box[3] << ' ' << box[1] << ' ' << box[4] << ' ' << box[2]
+              << ' ' << box[5] << std::endl;
+
+    // --- output: everything is checked; now write.
+    const fs::path outDir(options.outDir);
+    const bool created = !fs::exists(outDir, ec);
+    fs::create_directories(outDir, ec);
+    if (ec || !fs::is_directory(outDir, ec))
+        throw ToolError("cannot make the output folder " + options.outDir);
+    try {
+        const std::string scenePath = (outDir / "scene.sfm").string();
+        PendingFile scene(scenePath, formatSceneFile(views, box, neighbours));
+        const std::string meshPath = (outDir / "mesh.ply").string();
+        if (!savePly(toTriMesh(mesh), meshPath)) throw ToolError("cannot write " + meshPath);
+        scene.commit();
+        std::cout << "wrote " << scenePath << " (" << views.size() << " cameras, " << width << "x" << height
+                  << ") and " << meshPath << std::endl;
+    } catch (...) {
+        if (created) fs::remove(outDir, ec);  // removes it only while it is empty
+        throw;
+    }
+}
+
+}  // namespace tessaline_tools
