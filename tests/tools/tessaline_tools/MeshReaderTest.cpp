@@ -1,0 +1,158 @@
+// The mesh reader: one mesh written in every PLY layout users bring, and as
+// OBJ, reads back the same; damaged files are refused by name.
+#include "MeshReader.h"
+#include "ToolsTestSupport.h"
+
+using namespace tools_test;
+
+namespace {
+
+// Five vertices; a quad and a triangle, which read as three triangles.
+const double kVertices[5][3] = {{0, 0, 0}, {1, 0, 0}, {1, 1, 0}, {0, 1, 0}, {0.5, 0.5, 1.25}};
+const std::vector<std::vector<int>> kFaces = {{0, 1, 2, 3}, {0, 2, 4}};
+const std::vector<int32_t> kTriangles = {0, 1, 2, 0, 2, 3, 0, 2, 4};
+
+struct PlyLayout {
+    const char* name;
+    const char* format;  // ascii, binary_little_endian, binary_big_endian
+    const char* coord;   // type of x, y, z
+    const char* count;   // type of a face's corner count
+    const char* index;   // type of the corner indices
+    bool extras;         // normals, colours, other elements and lists
+};
+
+void put(std::string& out, const std::string& type, double v, const std::string& format) {
+    if (format == "ascii") {
+        std::ostringstream s;
+        s.precision(17);
+        s << v << ' ';
+        out += s.str();
+        return;
+    }
+    char b[8];
+    size_t n;
+    if (type == "double") { std::memcpy(b, &v, 8), n = 8; }
+    else if (type == "float") { const float f = float(v); std::memcpy(b, &f, 4), n = 4; }
+    else if (type == "int" || type == "uint") { const int32_t i = int32_t(v); std::memcpy(b, &i, 4), n = 4; }
+    else if (type == "short" || type == "ushort") { const int16_t i = int16_t(v); std::memcpy(b, &i, 2), n = 2; }
+    else { b[0] = char(int(v)), n = 1; }
+    if (format == "binary_big_endian") std::reverse(b, b + n);
+    out.append(b, n);
+}
+
+std::string plyFile(const PlyLayout& l, int faceCount = 2) {
+    const std::string c = l.coord, f = l.format;
+    std::string h = "ply\nformat " + f + " 1.0\ncomment made by a test\nelement vertex 5\n";
+    h += "property " + c + " x\nproperty " + c + " y\nproperty " + c + " z\n";
+    if (l.extras) h += "property " + c + " nx\nproperty uchar red\n";
+    if (l.extras) h += "element material 1\nproperty list uchar float weights\nproperty int id\n";
+    h += "element face " + std::to_string(faceCount) + "\nproperty list " + l.count + " " + l.index + " " +
+         (l.extras ? "vertex_index" : "vertex_indices") + "\n";
+    if (l.extras) h += "property uchar flags\nelement edge 1\nproperty int vertex1\nproperty int vertex2\n";
+    h += "end_header\n";
+    std::string body;
+    for (const auto& v : kVertices) {
+        for (double x : v) put(body, c, x, f);
+        if (l.extras) put(body, c, -1.0, f), put(body, "uchar", 200, f);
+        if (f == "ascii") body += "\n";
+    }
+    if (l.extras) {
+        put(body, "uchar", 2, f), put(body, "float", 0.5, f), put(body, "float", 0.25, f), put(body, "int", 9, f);
+        if (f == "ascii") body += "\n";
+    }
+    for (const auto& face : kFaces) {
+        put(body, l.count, double(face.size()), f);
+        for (int i : face) put(body, l.index, i, f);
+        if (l.extras) put(body, "uchar", 1, f);
+        if (f == "ascii") body += "\n";
+    }
+    if (l.extras) put(body, "int", 0, f), put(body, "int", 1, f);
+    return h + body;
+}
+
+std::string readError(const fs::path& p) {
+    return errorMessage([&] { readMeshFile(p.string()); });
+}
+
+}  // namespace
+
+class MeshLayouts : public ::testing::TestWithParam<PlyLayout> {};
+
+TEST_P(MeshLayouts, ReadTheSameMesh) {
+    TempDir dir;
+    writeText(dir / "m.ply", plyFile(GetParam()));
+    const MeshData m = readMeshFile((dir / "m.ply").string());
+    ASSERT_EQ(m.numVertices(), 5);
+    for (int i = 0; i < 5; ++i)
+        for (int k = 0; k < 3; ++k) EXPECT_EQ(m.vertices[size_t(3 * i + k)], kVertices[i][k]);
+    EXPECT_EQ(m.facets, kTriangles);
+    EXPECT_EQ(m.polygonsSplit, 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ply, MeshLayouts,
+    ::testing::Values(PlyLayout{"AsciiFloat", "ascii", "float", "uchar", "int", false},
+                      PlyLayout{"AsciiDoubleExtras", "ascii", "double", "uchar", "uint", true},
+                      PlyLayout{"LittleDoubleExtras", "binary_little_endian", "double", "uchar", "uint", true},
+                      PlyLayout{"BigFloatShortIndices", "binary_big_endian", "float", "uchar", "ushort", true},
+                      PlyLayout{"BigDoubleIntCount", "binary_big_endian", "double", "int", "int", false},
+                      PlyLayout{"LittleCharIndices", "binary_little_endian", "float", "short", "char", true}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(MeshReader, ObjWithTexturesNormalsAndRelativeIndices) {
+    TempDir dir;
+    writeText(dir / "m.obj",
+              "# a test\nmtllib x.mtl\no thing\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nvt 0 0\nvn 0 0 1\n"
+              "f 1/1/1 2/1/1 3//1 4\r\nv 0.5 0.5 \\\n 1.25\ns off\nf -5 -3 -1\n");
+    const MeshData m = readMeshFile((dir / "m.obj").string());
+    ASSERT_EQ(m.numVertices(), 5);
+    EXPECT_EQ(m.vertices[14], 1.25);
+    EXPECT_EQ(m.facets, kTriangles);
+}
+
+TEST(MeshReader, RealHullKeepsItsDoubleCoordinates) {
+    SKIP_WITHOUT_REAL_DATA();
+    const MeshData m = readMeshFile((realDataDir() / "colmap" / "temple_hull_colmap.ply").string());
+    EXPECT_EQ(m.numVertices(), 8916);
+    EXPECT_EQ(m.numFacets(), 17840);
+    EXPECT_EQ(m.vertices[0], -0.94007608825115474);
+    EXPECT_EQ(std::vector<int32_t>(m.facets.begin(), m.facets.begin() + 3), (std::vector<int32_t>{2, 0, 1}));
+}
+
+TEST(MeshReader, DamagedFilesAreRefused) {
+    TempDir dir;
+    const PlyLayout bin{"", "binary_little_endian", "float", "uchar", "int", false};
+    const PlyLayout ascii{"", "ascii", "float", "uchar", "int", false};
+    const std::string good = plyFile(bin);
+    auto errorOf = [&](const std::string& bytes, const char* name = "m.ply") {
+        writeText(dir / name, bytes);
+        return readError(dir / name);
+    };
+    auto replaced = [](std::string s, const std::string& from, const std::string& to) {
+        return s.replace(s.find(from), from.size(), to);
+    };
+    EXPECT_NE(errorOf(plyFile(bin, 3)).find("element face entry 3 of 3: the file ends"), std::string::npos);
+    EXPECT_NE(errorOf(plyFile(ascii, 3)).find("element face entry 3 of 3: the file ends"), std::string::npos);
+    EXPECT_NE(errorOf(good.substr(0, good.size() - 5)).find("the file ends"), std::string::npos);
+    EXPECT_NE(errorOf(replaced(good, "vertex 5", "vertex 900000000")).find("more than the file's data can hold"),
+              std::string::npos);
+    std::string ply = plyFile(ascii);
+    EXPECT_NE(errorOf(replaced(ply, "3 0 2 4", "3 0 2 5")).find("refers to vertex 5, but there are 5"),
+              std::string::npos);
+    EXPECT_NE(errorOf(replaced(ply, "3 0 2 4", "3 0 -2 4")).find("index -2 is out of range"), std::string::npos);
+    EXPECT_NE(errorOf(replaced(ply, "3 0 2 4", "2 0 2")).find("fewer than three corners"), std::string::npos);
+    EXPECT_NE(errorOf(ply + "7 7\n").find("values after the last element"), std::string::npos);
+    EXPECT_NE(errorOf(replaced(ply, "property float y", "property float w")).find("lacks one of the properties"),
+              std::string::npos);
+    EXPECT_NE(errorOf(replaced(ply, "uchar int", "uchar float")).find("must have an integer type"),
+              std::string::npos);
+    EXPECT_NE(errorOf(replaced(ply, "end_header", "end_of_it")).find("unknown keyword"), std::string::npos);
+    EXPECT_NE(errorOf(replaced(ply, "ascii 1.0", "utf8 1.0")).find("unknown format"), std::string::npos);
+    EXPECT_NE(errorOf(replaced(ply, "1.25", "nan")).find("\"nan\" is not a finite number"), std::string::npos);
+    EXPECT_NE(errorOf("v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 0\n", "m.obj").find("\"0\" is not a vertex reference"),
+              std::string::npos);
+    EXPECT_NE(errorOf("v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 4\n", "m.obj").find("refers to vertex 4"),
+              std::string::npos);
+    EXPECT_NE(errorOf("solid x\n", "m.stl").find("neither PLY nor .obj"), std::string::npos);
+    EXPECT_NE(readError(dir / "absent.ply").find("does not exist"), std::string::npos);
+}

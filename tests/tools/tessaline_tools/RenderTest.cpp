@@ -1,0 +1,157 @@
+// render: what the z-buffer shows of a mesh, the picture written whole or not
+// at all, and the command line of the program.
+#include <sys/wait.h>
+
+#include <opencv2/imgcodecs.hpp>
+
+#include "MeshReader.h"
+#include "RenderView.h"
+#include "ToolsTestSupport.h"
+
+using namespace tools_test;
+
+namespace {
+
+TriMesh cube(bool flipped, double scale = 1.0) {
+    TempDir dir;
+    writeText(dir / "c.ply", cubePly());
+    MeshData m = readMeshFile((dir / "c.ply").string());
+    for (double& v : m.vertices) v *= scale;
+    if (flipped)
+        for (size_t f = 0; f < m.facets.size(); f += 3) std::swap(m.facets[f + 1], m.facets[f + 2]);
+    return toTriMesh(m);
+}
+
+void writeCube(const fs::path& p, double scale) {
+    std::string s = cubePly();
+    if (scale != 1.0) {
+        for (size_t at = 0; (at = s.find("0.5", at)) != std::string::npos; at += 3) s.replace(at, 3, "0.6");
+    }
+    writeText(p, s);
+}
+
+// An imported ring scene to render from.
+struct RenderFixture : ImportFixture {
+    RenderOptions options;
+    RenderFixture() {
+        writeModel(false);
+        EXPECT_EQ(import(), "");
+        options.scenePath = (fs::path(ImportFixture::options.outDir) / "scene.sfm").string();
+        options.meshPath = (fs::path(ImportFixture::options.outDir) / "mesh.ply").string();
+        options.camera = "view01.png";
+        options.outPath = (dir / "view.png").string();
+    }
+    std::string render() {
+        return errorMessage([&] { runRender(options); });
+    }
+};
+
+int runTool(const std::string& args, std::string& output) {
+    TempDir dir;
+    const std::string cmd = std::string(TOOLS_BINARY) + " " + args + " > " + (dir / "out.txt").string() + " 2>&1";
+    const int status = std::system(cmd.c_str());
+    output = readText(dir / "out.txt");
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+}  // namespace
+
+TEST(RenderMeshView, FrontFacesShowTheirFacetBackFacesAreMarked) {
+    const RingScene ring = makeRingScene(6);
+    const mycamera& cam = ring.cameras[0];
+    const int cx = int(std::lround(cam.cx)), cy = int(std::lround(cam.cy));
+
+    const MeshView front = renderMeshView(cube(false), cam, ring.width, ring.height);
+    EXPECT_GE(front.facet.at<int>(cy, cx), 0);
+    EXPECT_EQ(front.backFace.at<uint8_t>(cy, cx), 0);
+    EXPECT_EQ(front.facet.at<int>(2, 2), -1);  // background
+    EXPECT_EQ(cv::countNonZero(front.backFace), 0);
+
+    const MeshView back = renderMeshView(cube(true), cam, ring.width, ring.height);
+    EXPECT_EQ(back.facet.at<int>(cy, cx), -1);
+    EXPECT_EQ(back.backFace.at<uint8_t>(cy, cx), 255);
+}
+
+TEST(RenderMeshView, FacetsAtThePictureEdgeAreStillDrawn) {
+    // The z-buffer drops facets near its area's border; the area reaches past
+    // the picture, so a cube cut by the left edge still shows there.
+    RingScene ring = makeRingScene(6);
+    mycamera cam = ring.cameras[0];
+    cam.cx = -5;
+    updateIntrinsicMatrices(cam);
+    updateProjectionMatrix(cam);
+    const MeshView view = renderMeshView(cube(false), cam, ring.width, ring.height);
+    const int cy = int(std::lround(cam.cy));
+    EXPECT_GE(view.facet.at<int>(cy, 0), 0);
+    EXPECT_GE(view.facet.at<int>(cy, 15), 0);
+    EXPECT_EQ(view.facet.at<int>(cy, 60), -1);
+}
+
+TEST(RenderCommand, DrawsPanelsAndAHeatMapWithItsBar) {
+    RenderFixture f;
+    ASSERT_EQ(f.render(), "");
+    cv::Mat img = cv::imread(f.options.outPath, cv::IMREAD_COLOR);
+    ASSERT_EQ(img.cols, 3 * 160);
+    ASSERT_EQ(img.rows, 120);
+    // The shaded panel: grey on black where the cube is.
+    const cv::Vec3b centre = img.at<cv::Vec3b>(60, 160 + 80);
+    EXPECT_GT(centre[0], 60);
+    EXPECT_EQ(centre[0], centre[2]);
+
+    writeCube(f.dir / "bigger.ply", 1.2);
+    f.options.comparePath = (f.dir / "bigger.ply").string();
+    f.options.camera = "1";
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(f.render(), "");
+    const std::string out = testing::internal::GetCapturedStdout();
+    img = cv::imread(f.options.outPath, cv::IMREAD_COLOR);
+    ASSERT_EQ(img.cols, 3 * 160 + 120);
+    // The cube faces lie 0.1 inside the bigger one: every distance is 0.1.
+    EXPECT_NE(out.find("median 0.1,"), std::string::npos) << out;
+    const cv::Vec3b heat = img.at<cv::Vec3b>(60, 320 + 80);
+    EXPECT_NE(heat[0], heat[2]);  // coloured, not grey
+}
+
+TEST(RenderCommand, RefusesBadRequestsAndWritesNothing) {
+    RenderFixture f;
+    const std::vector<std::pair<std::function<void(RenderOptions&)>, std::string>> cases = {
+        {[](RenderOptions& o) { o.camera = "6"; }, "camera 6 is out of range"},
+        {[](RenderOptions& o) { o.camera = "nope.png"; }, "the scene has no camera nope.png"},
+        {[&](RenderOptions& o) { o.outPath = (f.dir / "view.xyz").string(); }, "give a .png file"},
+        {[&](RenderOptions& o) { o.outPath = (f.dir / "no" / "view.png").string(); }, "does not exist"},
+        {[&](RenderOptions& o) { o.comparePath = (f.dir / "absent.ply").string(); }, "does not exist"},
+        {[&](RenderOptions& o) { o.scenePath = (f.dir / "cube.ply").string(); }, "cannot load the scene"},
+    };
+    for (const auto& [spoil, message] : cases) {
+        RenderOptions saved = f.options;
+        spoil(f.options);
+        testing::internal::CaptureStdout();
+        const std::string error = f.render();
+        testing::internal::GetCapturedStdout();
+        EXPECT_NE(error.find(message), std::string::npos) << error;
+        f.options = saved;
+    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(f.dir.path()), {}), 4);  // model, images, cube.ply, out
+}
+
+TEST(ToolsCommandLine, HelpUsageErrorsAndExitStatus) {
+    std::string out;
+    EXPECT_EQ(runTool("import --help", out), 0);
+    EXPECT_NE(out.find("MODEL_DIR"), std::string::npos);
+    EXPECT_NE(out.find("--neighbours"), std::string::npos);
+    EXPECT_EQ(runTool("render --help", out), 0);
+    EXPECT_NE(out.find("--compare"), std::string::npos);
+
+    EXPECT_NE(runTool("import only-one", out), 0);
+    EXPECT_EQ(out.rfind("Error: ", 0), 0u) << out;
+    EXPECT_NE(runTool("", out), 0);
+    EXPECT_EQ(out.rfind("Error: ", 0), 0u) << out;
+
+    TempDir dir;
+    EXPECT_EQ(runTool("import " + (dir / "m").string() + " " + dir.path().string() + " x.ply " +
+                          (dir / "out").string(),
+                      out),
+              1);
+    EXPECT_NE(out.find("Error: the model folder"), std::string::npos) << out;
+    EXPECT_FALSE(fs::exists(dir / "out"));
+}
