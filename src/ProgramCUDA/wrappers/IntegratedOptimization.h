@@ -40,6 +40,7 @@
 #include "kernels/ZBufferKernel.h"
 #include "wrappers/ArgumentChecks.h"
 #include "wrappers/NccWrappers.h"
+#include "wrappers/PrintfBracket.h"
 
 namespace tessaline {
 
@@ -345,6 +346,7 @@ void integratedMeshOptimizationWrapper(Backend& be, int num_v, float* vertices, 
     if (!checkMeshOptimizationArgs(args)) return;
 
     printDeviceMemoryReport("Before allocating: device memory aviable: ");
+    printfRingOpen(be);
     MeshOptimizationCall<Backend> call(be, args);
     call.allocate();
     printDeviceMemoryReport("After allocating: device memory aviable: ");
@@ -357,6 +359,7 @@ void integratedMeshOptimizationWrapper(Backend& be, int num_v, float* vertices, 
         done = it;
     }
 
+    printfRingShow(be);
     // The caller's vertices change only when the whole call succeeded.
     std::vector<float> result(be.failed ? 0 : 3 * size_t(num_v));
     if (!be.failed) be.download(result.data(), call.d_vertices, result.size());
@@ -368,6 +371,7 @@ void integratedMeshOptimizationWrapper(Backend& be, int num_v, float* vertices, 
                   << (iterations > 0 ? iterations : 0) << " iterations; vertices left unchanged" << std::endl;
     }
     call.release();
+    printfRingClose(be);
 
     std::cout << "\n";
     printDeviceMemoryReport("After free: device memory aviable: ");

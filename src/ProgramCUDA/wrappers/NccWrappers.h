@@ -7,6 +7,7 @@
 #include "LaunchGeometry.h"
 #include "kernels/NccKernels.h"
 #include "wrappers/ArgumentChecks.h"
+#include "wrappers/PrintfBracket.h"
 
 namespace tessaline {
 
@@ -75,6 +76,7 @@ void nccChainWrapper(Backend& be, const char* name, bool throughGradient, int wi
     check.array(mask, pixels, "mask missing");
     if (!check.passed()) return;
 
+    printfRingOpen(be);
     const size_t n = size_t(pixels);
     float* dA = be.template alloc<float>(n);
     float* dB = be.template alloc<float>(n);
@@ -88,6 +90,7 @@ void nccChainWrapper(Backend& be, const char* name, bool throughGradient, int wi
         be.upload(dB, imageB, n);
         if (throughGradient) be.zero(w.grad, n);
         launchNccChain(be, width, height, dA, dB, w, halfWindow, throughGradient);
+        printfRingShow(be);
         if (throughGradient) be.download(grad, w.grad, n);
         be.download(cc, w.cc, n);
         be.download(mask, w.mask, n);
@@ -97,6 +100,7 @@ void nccChainWrapper(Backend& be, const char* name, bool throughGradient, int wi
     be.release(dB);
     be.release(w.mask);
     for (int i = 0; i < floatCount; ++i) be.release(*floats[i]);
+    printfRingClose(be);
 }
 
 // Windowed NCC of imageA and imageB and its derivative with respect to imageB.
