@@ -7,6 +7,51 @@
 
 #include "mycamera.h"
 
+// ---- Single-step wrappers ------------------------------------------------
+//
+// One stage of a camera pair run on its own: the cameras' depth, facet and
+// weight maps (from TriMesh_Image_ZBuffering_CUDA) are host arrays of width x
+// height. The first camera of a pair is the reference, in whose pixel grid
+// the work is done; the second the target, whose image is sampled. Bad
+// arguments give one "Error: " line and leave the outputs untouched.
+
+// The target image as the reference sees it through the surface of the depth
+// maps: per reference pixel the grey level (0 to 255) of the target at the
+// projected point, or -1 where the point is not visible in the target or
+// lies within 10 pixels of its border. facet_tar is not read.
+void Perspective_Image_Model_Image_Warp_CUDA(const mycamera_cuda& camera_ref, const float* depth_ref,
+                                             const int* facet_ref, const mycamera_cuda& camera_tar,
+                                             const float* depth_tar, const int* facet_tar, const uint8_t* image_tar,
+                                             int width, int height, float* warped);
+
+// Adds one pair's photometric gradient (from the NCC derivative image
+// ncc_grad over the pixels of visible_mask) to grad_photo (3 floats per
+// vertex) and counts the pixels that reached each vertex in vt_pair_hits;
+// both keep what earlier calls put there. Pixels whose ray meets the facet at
+// a cosine above -0.01 are left out. image_ref, depth_tar and facet_tar are
+// not read.
+void AddPhotometricGradient_ImagePair_CUDA(int num_f, const int* facets, const float* facet_normals, int width,
+                                           int height, const mycamera_cuda& camera_ref, const uint8_t* image_ref,
+                                           const float* depth_ref, const int* facet_ref,
+                                           const mycamera_cuda& camera_tar, const uint8_t* image_tar,
+                                           const float* depth_tar, const int* facet_tar, const float* bary_b_ref,
+                                           const float* bary_c_ref, const float* ncc_grad,
+                                           const uint8_t* visible_mask, float mean_depth_ref, float mean_depth_tar,
+                                           int num_v, float* grad_photo, float* vt_pair_hits);
+
+// The second-order umbrella gradient of every vertex (3 floats each) over
+// the flattened one-rings.
+void ComputeSmoothnessGradient_CUDA(int num_v, const float* vertices, int num_f, const int* facets,
+                                    int num_valence_entries, const int* valence_list, const int* valence_counts,
+                                    const int* valence_offsets, float* gradient);
+
+// Fairs the mesh in place by `iterations` steps of 1.0 along minus the
+// second-order umbrella gradient. Vertices whose vertex_mask byte is 0 keep
+// their positions; a null mask moves them all. Prints three memory reports.
+void Smoothness_GradientDescent_CUDA(int num_v, float* vertices, int num_f, const int* facets,
+                                     int num_valence_entries, const int* valence_list, const int* valence_counts,
+                                     const int* valence_offsets, const uint8_t* vertex_mask, int iterations);
+
 // ---- Plane sweeps -------------------------------------------------------
 //
 // Common inputs: image_stack holds num_neighbours + 1 grey images of width x

@@ -4,3 +4,4 @@
 #include "wrappers/PlaneSweepWrappers.h"
 #include "wrappers/PrintfBracket.h"
 #include "wrappers/PrintfWrappers.h"
+#include "wrappers/SingleStepWrappers.h"
