@@ -351,9 +351,9 @@ void integratedMeshOptimizationWrapper(Backend& be, int num_v, float* vertices, 
     call.allocate();
     printDeviceMemoryReport("After allocating: device memory aviable: ");
 
-    int done = 0;
+    long long done = 0;
     if (!be.failed) call.meanDepthPass();
-    for (int it = 1; it <= iterations && !be.failed; ++it) {
+    for (long long it = 1; it <= iterations && !be.failed; ++it) {
         std::cout << "\rmesh optimizing iteration: " << it << "/" << iterations << std::flush;
         call.iteration();
         done = it;
