@@ -36,11 +36,13 @@ inline bool sweepArgumentsPass(ArgumentCheck& check, int num_neighbours, int wid
 }
 
 // The course shared by the two single-launch sweeps. `makeKernel(d_cameras,
-// d_depth, d_score, stack)` builds the kernel record.
+// d_depth, d_score, stack)` builds the kernel record. Both print "copy back
+// data..." before the read-back; `printLaunch` adds the launch geometry lines
+// in front of the launch.
 template <class Backend, class MakeKernel>
 void runSingleLaunchSweep(Backend& be, int num_neighbours, int width, int height, const uint8_t* image_stack,
                           const mycamera_cuda* cameras, int out_width, int out_height, float* depth, float* score,
-                          bool printProgress, const MakeKernel& makeKernel) {
+                          bool printLaunch, const MakeKernel& makeKernel) {
     printfRingOpen(be);
     const size_t cells = size_t(out_width) * size_t(out_height);
     const size_t numCameras = size_t(num_neighbours) + 1;
@@ -52,7 +54,7 @@ void runSingleLaunchSweep(Backend& be, int num_neighbours, int width, int height
     be.upload(d_cameras, cameras, numCameras);
     LayeredTexture stack = be.makeLayeredTexture(image_stack, width, height, int(numCameras));
     if (!be.failed) {
-        if (printProgress) {
+        if (printLaunch) {
             std::printf("run kernel...\n");
             std::printf("threads per block: %d %d\n", kSweepBlock, kSweepBlock);
             std::printf("number of blocks: %u %u\n", gridBlocks(out_width, kSweepBlock),
@@ -60,7 +62,7 @@ void runSingleLaunchSweep(Backend& be, int num_neighbours, int width, int height
         }
         be.launch2D(out_width, out_height, kSweepBlock, kSweepBlock, makeKernel(d_cameras, d_depth, d_score, stack));
         printfRingShow(be);
-        if (printProgress) std::printf("copy back data...\n");
+        std::printf("copy back data...\n");
         std::fflush(stdout);
         be.download(depth, d_depth, cells);
         be.download(score, d_score, cells);
