@@ -16,11 +16,11 @@ namespace {
 // Length modifiers and '*' would make fprintf read arguments of another
 // size, or more of them, than the one cell holds: they are dropped, and the
 // value is passed as the 32-bit word or the double that the cell gives.
-std::string plainSpecification(const char* percent, const char* conversion) {
-    std::string spec;
+std::string plainConversion(const char* percent, const char* conversion) {
+    std::string text;
     for (const char* c = percent; c <= conversion; ++c)
-        if (c == percent || c == conversion || !std::strchr("hlLqjzt*", *c)) spec.push_back(*c);
-    return spec;
+        if (c == percent || c == conversion || !std::strchr("hlLqjzt*", *c)) text.push_back(*c);
+    return text;
 }
 
 }  // namespace
@@ -42,18 +42,18 @@ bool formatPrintfRecord(FILE* stream, unsigned char* slot, unsigned fmtOffset) {
             return false;
         }
         const unsigned char* value = cell + kCellValueOffset;
-        const std::string spec = plainSpecification(percent, conversion);
+        const std::string conversionText = plainConversion(percent, conversion);
         switch (*conversion) {
             case 'c': case 'd': case 'i': case 'o': case 'u': case 'x': case 'X': {
                 uint32_t word;
                 std::memcpy(&word, value, sizeof word);
-                std::fprintf(stream, spec.c_str(), word);
+                std::fprintf(stream, conversionText.c_str(), word);
                 break;
             }
             case 'p': {
                 uint32_t word;
                 std::memcpy(&word, value, sizeof word);
-                std::fprintf(stream, spec.c_str(), reinterpret_cast<void*>(uintptr_t(word)));
+                std::fprintf(stream, conversionText.c_str(), reinterpret_cast<void*>(uintptr_t(word)));
                 break;
             }
             case 'e': case 'E': case 'f': case 'g': case 'G': case 'a': case 'A': {
@@ -65,12 +65,12 @@ bool formatPrintfRecord(FILE* stream, unsigned char* slot, unsigned fmtOffset) {
                 } else {
                     std::memcpy(&v, value, sizeof v);
                 }
-                std::fprintf(stream, spec.c_str(), v);
+                std::fprintf(stream, conversionText.c_str(), v);
                 break;
             }
             case 's':
                 // The text lies in the cell itself; the copy's zero tail ends it.
-                std::fprintf(stream, spec.c_str(), reinterpret_cast<const char*>(value));
+                std::fprintf(stream, conversionText.c_str(), reinterpret_cast<const char*>(value));
                 break;
             case '%':
                 std::fputc('%', stream);

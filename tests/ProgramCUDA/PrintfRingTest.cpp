@@ -69,7 +69,7 @@ class PrintfRing : public OnEachBackend {
     }
 };
 
-TEST_P(PrintfRing, CheckFuncRecordHasTheSpecifiedLayout) {
+TEST_P(PrintfRing, CheckFuncRecordHasTheRecordLayout) {
     ASSERT_EQ(cuPrintfInit(1048576), 0);
     const std::vector<float> g = gradient(1.5f, -2.25f, 0.125f);
     CHECK_FUNC_CUDA(g.data(), kValues, 1, 7);
