@@ -16,6 +16,9 @@ namespace tessaline {
 
 struct CpuBackend {
     static constexpr bool isCuda = false;
+    // Launches smaller than this run on the calling thread: waking the team
+    // costs more than such a launch.
+    static constexpr long long kParallelMinimum = 4096;
     bool failed = false;
 
     template <class T>
@@ -48,7 +51,7 @@ struct CpuBackend {
     template <class F>
     void launch1D(int n, int block, const F& f) {
         const long long total = (long long)gridBlocks(n, block) * block;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if (total >= kParallelMinimum)
         for (long long id = 0; id < total; ++id) f(int(id));
     }
 
@@ -57,7 +60,7 @@ struct CpuBackend {
     void launch2D(int width, int height, int bx, int by, const F& f) {
         const int spanX = int(gridBlocks(width, bx)) * bx;
         const int spanY = int(gridBlocks(height, by)) * by;
-#pragma omp parallel for schedule(static)
+#pragma omp parallel for schedule(static) if ((long long)spanX * spanY >= kParallelMinimum)
         for (int y = 0; y < spanY; ++y)
             for (int x = 0; x < spanX; ++x) f(x, y);
     }
