@@ -121,20 +121,20 @@ MeshView renderMeshView(const TriMesh& mesh, const mycamera& camera, int width, 
     return view;
 }
 
-int findSceneCamera(const SfmScene& scene, const std::string& spec) {
+int findSceneCamera(const SfmScene& scene, const std::string& which) {
     const int n = int(scene.cameras.size());
-    if (!spec.empty() && std::all_of(spec.begin(), spec.end(), [](unsigned char ch) { return std::isdigit(ch); })) {
-        const long v = spec.size() > 9 ? -1 : std::stol(spec);
+    if (!which.empty() && std::all_of(which.begin(), which.end(), [](unsigned char ch) { return std::isdigit(ch); })) {
+        const long v = which.size() > 9 ? -1 : std::stol(which);
         if (v < 0 || v >= n)
-            throw ToolError("camera " + spec + " is out of range: the scene has cameras 0 to " +
+            throw ToolError("camera " + which + " is out of range: the scene has cameras 0 to " +
                             std::to_string(n - 1));
         return int(v);
     }
     for (int i = 0; i < n; ++i) {
         const std::string& p = scene.imagePaths[size_t(i)];
-        if (p == spec || fs::path(p).filename().string() == spec) return i;
+        if (p == which || fs::path(p).filename().string() == which) return i;
     }
-    throw ToolError("the scene has no camera " + spec + " (give an index from 0 to " + std::to_string(n - 1) +
+    throw ToolError("the scene has no camera " + which + " (give an index from 0 to " + std::to_string(n - 1) +
                     " or the file name of a photograph)");
 }
 

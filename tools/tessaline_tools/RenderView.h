@@ -41,9 +41,9 @@ struct MeshView {
 // facets at the edge of the picture are drawn too.
 MeshView renderMeshView(const TriMesh& mesh, const mycamera& camera, int width, int height);
 
-// The camera named by `spec`: a 0-based index, or a photograph's file name
+// The camera named by `which`: a 0-based index, or a photograph's file name
 // (its full path in the scene file or its last component). Throws ToolError.
-int findSceneCamera(const SfmScene& scene, const std::string& spec);
+int findSceneCamera(const SfmScene& scene, const std::string& which);
 
 // The smallest of 1, 1.5, 2, 3, 4, 5, 6, 8 times a power of ten that is not
 // below v (v > 0): a colour scale with readable labels.
