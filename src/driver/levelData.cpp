@@ -10,12 +10,7 @@ void buildLevelData(const SfmScene& scene, float scale, std::vector<mycamera>& c
     for (size_t i = 0; i < scene.cameras.size(); ++i) {
         // Every level starts from the file's values, so scaling never compounds.
         mycamera camera = scene.cameras[i];
-        camera.fx *= scale;
-        camera.fy *= scale;
-        camera.cx *= scale;
-        camera.cy *= scale;
-        updateIntrinsicMatrices(camera);
-        updateProjectionMatrix(camera);
+        scaleCameraToLevel(camera, scale);
         cameraList.push_back(camera);
 
         cv::Mat img;
