@@ -70,10 +70,6 @@ std::string plyFile(const PlyLayout& l, int faceCount = 2) {
     return h + body;
 }
 
-std::string readError(const fs::path& p) {
-    return errorMessage([&] { readMeshFile(p.string()); });
-}
-
 }  // namespace
 
 class MeshLayouts : public ::testing::TestWithParam<PlyLayout> {};
@@ -121,38 +117,37 @@ TEST(MeshReader, RealHullKeepsItsDoubleCoordinates) {
 
 TEST(MeshReader, DamagedFilesAreRefused) {
     TempDir dir;
-    const PlyLayout bin{"", "binary_little_endian", "float", "uchar", "int", false};
-    const PlyLayout ascii{"", "ascii", "float", "uchar", "int", false};
-    const std::string good = plyFile(bin);
-    auto errorOf = [&](const std::string& bytes, const char* name = "m.ply") {
-        writeText(dir / name, bytes);
-        return readError(dir / name);
-    };
+    const std::string bin = plyFile({"", "binary_little_endian", "float", "uchar", "int", false}),
+                      ply = plyFile({"", "ascii", "float", "uchar", "int", false});
     auto replaced = [](std::string s, const std::string& from, const std::string& to) {
         return s.replace(s.find(from), from.size(), to);
     };
-    EXPECT_NE(errorOf(plyFile(bin, 3)).find("element face entry 3 of 3: the file ends"), std::string::npos);
-    EXPECT_NE(errorOf(plyFile(ascii, 3)).find("element face entry 3 of 3: the file ends"), std::string::npos);
-    EXPECT_NE(errorOf(good.substr(0, good.size() - 5)).find("the file ends"), std::string::npos);
-    EXPECT_NE(errorOf(replaced(good, "vertex 5", "vertex 900000000")).find("more than the file's data can hold"),
-              std::string::npos);
-    std::string ply = plyFile(ascii);
-    EXPECT_NE(errorOf(replaced(ply, "3 0 2 4", "3 0 2 5")).find("refers to vertex 5, but there are 5"),
-              std::string::npos);
-    EXPECT_NE(errorOf(replaced(ply, "3 0 2 4", "3 0 -2 4")).find("index -2 is out of range"), std::string::npos);
-    EXPECT_NE(errorOf(replaced(ply, "3 0 2 4", "2 0 2")).find("fewer than three corners"), std::string::npos);
-    EXPECT_NE(errorOf(ply + "7 7\n").find("values after the last element"), std::string::npos);
-    EXPECT_NE(errorOf(replaced(ply, "property float y", "property float w")).find("lacks one of the properties"),
-              std::string::npos);
-    EXPECT_NE(errorOf(replaced(ply, "uchar int", "uchar float")).find("must have an integer type"),
-              std::string::npos);
-    EXPECT_NE(errorOf(replaced(ply, "end_header", "end_of_it")).find("unknown keyword"), std::string::npos);
-    EXPECT_NE(errorOf(replaced(ply, "ascii 1.0", "utf8 1.0")).find("unknown format"), std::string::npos);
-    EXPECT_NE(errorOf(replaced(ply, "1.25", "nan")).find("\"nan\" is not a finite number"), std::string::npos);
-    EXPECT_NE(errorOf("v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 0\n", "m.obj").find("\"0\" is not a vertex reference"),
-              std::string::npos);
-    EXPECT_NE(errorOf("v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 4\n", "m.obj").find("refers to vertex 4"),
-              std::string::npos);
-    EXPECT_NE(errorOf("solid x\n", "m.stl").find("neither PLY nor .obj"), std::string::npos);
-    EXPECT_NE(readError(dir / "absent.ply").find("does not exist"), std::string::npos);
+    const std::vector<std::pair<std::string, std::string>> cases = {  // contents, message
+        {plyFile({"", "binary_little_endian", "float", "uchar", "int", false}, 3), "entry 3 of 3: the file ends"},
+        {plyFile({"", "ascii", "float", "uchar", "int", false}, 3), "entry 3 of 3: the file ends"},
+        {bin.substr(0, bin.size() - 5), "the file ends"},
+        {replaced(bin, "vertex 5", "vertex 900000000"), "more than the file's data can hold"},
+        {replaced(ply, "3 0 2 4", "3 0 2 5"), "refers to vertex 5, but there are 5"},
+        {replaced(ply, "3 0 2 4", "3 0 -2 4"), "index -2 is out of range"},
+        {replaced(ply, "3 0 2 4", "2 0 2"), "fewer than three corners"},
+        {ply + "7 7\n", "values after the last element"},
+        {replaced(ply, "property float y", "property float w"), "lacks one of the properties"},
+        {replaced(ply, "uchar int", "uchar float"), "must have an integer type"},
+        {replaced(ply, "end_header", "end_of_it"), "unknown keyword"},
+        {replaced(ply, "ascii 1.0", "utf8 1.0"), "unknown format"},
+        {replaced(ply, "1.25", "nan"), "\"nan\" is not a finite number"},
+        {"obj:v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 0\n", "\"0\" is not a vertex reference"},
+        {"obj:v 0 0 0\nv 1 0 0\nv 0 1 0\nf 1 2 4\n", "refers to vertex 4"},
+        {"stl:solid x\n", "neither PLY nor .obj"},
+        {"", "does not exist"},
+    };
+    for (const auto& [bytes, message] : cases) {
+        SCOPED_TRACE(message);
+        const bool other = bytes.size() > 4 && bytes[3] == ':';
+        const fs::path p = dir / ("m." + (other ? bytes.substr(0, 3) : std::string("ply")));
+        fs::remove(p);
+        if (!bytes.empty()) writeText(p, other ? bytes.substr(4) : bytes);
+        const std::string error = errorMessage([&] { readMeshFile(p.string()); });
+        EXPECT_NE(error.find(message), std::string::npos) << error;
+    }
 }
