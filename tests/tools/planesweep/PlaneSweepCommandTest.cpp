@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <opencv2/imgcodecs.hpp>
@@ -37,37 +38,31 @@ mycamera axisCamera(double x, double y, double z) {
 }
 
 TEST(SweepRange, CoversTheBoxFromItsNearestToItsFarthestPoint) {
-    const mycamera cam = axisCamera(0, 0, 0);
     const float box[6] = {-0.5f, -0.5f, 2.0f, 0.5f, 0.5f, 3.0f};
     const double plane[4] = {0, 0, 1, -2.5};
-    SweepRange r;
-    std::string why;
-    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::InvDepth, cam, box, plane, 11, r, why));
-    const double farthest = std::sqrt(0.5 + 9.0);
-    EXPECT_NEAR(r.start, 1.0 / farthest, 1e-6);
-    EXPECT_NEAR(r.start + 10 * r.step, 1.0 / 2.0, 1e-6);  // the box's nearest point is (0, 0, 2)
-    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::Homography, cam, box, plane, 11, r, why));
-    EXPECT_NEAR(r.start, 2.0, 1e-6);
-    EXPECT_NEAR(r.start + 10 * r.step, 3.0, 1e-6);
-    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::Height, cam, box, plane, 11, r, why));
-    EXPECT_NEAR(r.start, -0.5, 1e-6);
-    EXPECT_NEAR(r.start + 10 * r.step, 0.5, 1e-6);
+    // The box's nearest point is (0, 0, 2), its farthest a corner.
+    const std::vector<std::tuple<Method, double, double>> cases = {
+        {Method::InvDepth, 1.0 / std::sqrt(9.5), 0.5}, {Method::Homography, 2.0, 3.0}, {Method::Height, -0.5, 0.5}};
+    for (const auto& [method, first, last] : cases) {
+        SweepRange r;
+        std::string why;
+        ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(method, axisCamera(0, 0, 0), box, plane, 11, r, why));
+        EXPECT_NEAR(r.start, first, 1e-6);
+        EXPECT_NEAR(r.start + 10 * r.step, last, 1e-6);
+    }
 }
 
 TEST(SweepRange, RefusesABoxBehindTheCameraAndStopsShortOfACentreInside) {
-    const float behind[6] = {-0.5f, -0.5f, -3.0f, 0.5f, 0.5f, -2.0f};
+    const float behind[6] = {-0.5f, -0.5f, -3.0f, 0.5f, 0.5f, -2.0f}, around[6] = {-1, -1, -1, 1, 1, 1};
     const double plane[4] = {0, 0, 1, 0};
+    const mycamera cam = axisCamera(0, 0, 0);
     SweepRange r;
     std::string why;
-    EXPECT_FALSE(planesweep_tool::rangeFromBoundingBox(Method::Homography, axisCamera(0, 0, 0), behind, plane, 5, r,
-                                                       why));
+    EXPECT_FALSE(planesweep_tool::rangeFromBoundingBox(Method::Homography, cam, behind, plane, 5, r, why));
     EXPECT_FALSE(why.empty());
-    const float around[6] = {-1, -1, -1, 1, 1, 1};
-    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::InvDepth, axisCamera(0, 0, 0), around, plane, 5, r,
-                                                      why));
+    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::InvDepth, cam, around, plane, 5, r, why));
     EXPECT_TRUE(std::isfinite(r.start + 4 * r.step));
-    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::Homography, axisCamera(0, 0, 0), around, plane, 5, r,
-                                                      why));
+    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::Homography, cam, around, plane, 5, r, why));
     EXPECT_GT(r.start, 0.0f);  // no plane through the centre
 }
 
@@ -170,11 +165,8 @@ TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlane) {
     const cv::Mat depth = cv::imread(prefix() + "_depth.png", cv::IMREAD_UNCHANGED);
     const cv::Mat colour = cv::imread(prefix() + "_depth_color.png", cv::IMREAD_UNCHANGED);
     const cv::Mat score = cv::imread(prefix() + "_score.png", cv::IMREAD_UNCHANGED);
-    ASSERT_EQ(depth.type(), CV_16UC1);
-    ASSERT_EQ(colour.type(), CV_8UC3);
-    ASSERT_EQ(score.type(), CV_8UC1);
-    ASSERT_EQ(depth.cols, W);
-    ASSERT_EQ(depth.rows, H);
+    ASSERT_TRUE(depth.type() == CV_16UC1 && colour.type() == CV_8UC3 && score.type() == CV_8UC1);
+    ASSERT_TRUE(depth.size() == cv::Size(W, H) && colour.size() == depth.size() && score.size() == depth.size());
     const double lo = 1.0 / double(start + 40 * step), hi = 1.0 / double(start);
     int good = 0, checked = 0;
     for (int y = 10; y < H - 10; ++y)
@@ -201,9 +193,7 @@ TEST_F(PlaneSweepProgram, RunsTheOtherSweepsWithRangesFromTheBox) {
     EXPECT_NE(out.find("sweep: homography, 9 planes"), std::string::npos) << out;
     ASSERT_EQ(run({scene(), "0", prefix() + "h", "--method", "height", "--planes", "9", "--subsample", "2"}, out), 0)
         << out;
-    const cv::Mat depth = cv::imread(prefix() + "h_depth.png", cv::IMREAD_UNCHANGED);
-    EXPECT_EQ(depth.cols, W / 2);
-    EXPECT_EQ(depth.rows, H / 2);
+    EXPECT_EQ(cv::imread(prefix() + "h_depth.png", cv::IMREAD_UNCHANGED).size(), cv::Size(W / 2, H / 2));
 }
 
 TEST_F(PlaneSweepProgram, RefusesBadArgumentsWithAnErrorLine) {
