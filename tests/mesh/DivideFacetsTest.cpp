@@ -59,25 +59,23 @@ double signedArea2(const TriMesh& m, int32_t f) {
 
 TEST(DivideFacets, SquareWorkedExamples) {
     const std::string sizeError = "Error: facet_divide_indicator.size() != num_f\n";
+    const V first = {0, 4, 6, 0, 6, 3, 4, 1, 5, 4, 5, 6, 6, 5, 2, 6, 2, 3}, none = {0, 1, 2, 0, 2, 3};
+    const V second = {0, 1, 4, 0, 4, 6, 4, 1, 2, 4, 2, 5, 4, 5, 6, 6, 5, 3};
+    const std::vector<V> firstMids = {{4, 0, 1}, {5, 1, 2}, {6, 2, 0}}, secondMids = {{4, 2, 0}, {5, 2, 3}, {6, 3, 0}};
     const struct {
         std::vector<bool> bits;
         std::string printed;
         V facets;
         std::vector<V> midpoints;  // new vertex, then the edge it halves
     } cases[] = {
-        {{true, false}, "", {0, 4, 6, 0, 6, 3, 4, 1, 5, 4, 5, 6, 6, 5, 2, 6, 2, 3}, {{4, 0, 1}, {5, 1, 2}, {6, 2, 0}}},
-        {{false, true}, "", {0, 1, 4, 0, 4, 6, 4, 1, 2, 4, 2, 5, 4, 5, 6, 6, 5, 3}, {{4, 2, 0}, {5, 2, 3}, {6, 3, 0}}},
-        {{true, true},
-         "",
-         {0, 4, 6, 0, 6, 8, 4, 1, 5, 4, 5, 6, 6, 5, 2, 6, 2, 7, 6, 7, 8, 8, 7, 3},
+        {{true, false}, "", first, firstMids},
+        {{false, true}, "", second, secondMids},
+        {{true, true}, "", {0, 4, 6, 0, 6, 8, 4, 1, 5, 4, 5, 6, 6, 5, 2, 6, 2, 7, 6, 7, 8, 8, 7, 3},
          {{4, 0, 1}, {5, 1, 2}, {6, 2, 0}, {7, 2, 3}, {8, 3, 0}}},
-        {{false, false}, "", {0, 1, 2, 0, 2, 3}, {}},
-        {{true}, sizeError, {0, 4, 6, 0, 6, 3, 4, 1, 5, 4, 5, 6, 6, 5, 2, 6, 2, 3}, {{4, 0, 1}, {5, 1, 2}, {6, 2, 0}}},
-        {{}, sizeError, {0, 1, 2, 0, 2, 3}, {}},
-        {{false, true, true, true},
-         sizeError,
-         {0, 1, 4, 0, 4, 6, 4, 1, 2, 4, 2, 5, 4, 5, 6, 6, 5, 3},
-         {{4, 2, 0}, {5, 2, 3}, {6, 3, 0}}},
+        {{false, false}, "", none, {}},
+        {{true}, sizeError, first, firstMids},
+        {{}, sizeError, none, {}},
+        {{false, true, true, true}, sizeError, second, secondMids},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::PrintToString(c.bits));
@@ -259,19 +257,6 @@ TEST(DivideFacets, RepeatedVertexFacetFormsAnEdgeOnItself) {
     // All three edges split: Mab = 8, Mbc = Mca = 9.
     EXPECT_EQ(m.facets, (V{5, 8, 9, 8, 5, 9, 8, 9, 9, 9, 9, 7}));
     expectTablesInStep(m);
-}
-
-TEST(DivideFacets, SelectedFacetWithAllEdgesAlreadySplitAddsNoVertex) {
-    // Corners 0, 1, 2, edge points 3, 4, 5; the centre facet (3, 4, 5) shares
-    // each edge with a corner facet.
-    const std::vector<float> v = {0, 0, 0, 4, 0, 0, 0, 4, 0, 2, 0, 0, 2, 2, 0, 0, 2, 0};
-    const V f = {0, 3, 5, 3, 1, 4, 5, 4, 2, 3, 4, 5};
-    TriMesh corners = makeMesh(v, f), all = makeMesh(v, f);
-    divideFacets(corners, {true, true, true, false});
-    divideFacets(all, {true, true, true, true});
-    EXPECT_EQ(corners.num_v, 6 + 9);
-    EXPECT_EQ(all.vertices, corners.vertices);
-    EXPECT_EQ(all.num_f, 16);
 }
 
 TEST(DivideFacets, EmptyMesh) {

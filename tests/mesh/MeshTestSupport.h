@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <map>
 #include <utility>
 #include <vector>
@@ -48,11 +49,7 @@ inline TriMesh grid(int n) {
     std::vector<float> v;
     std::vector<int32_t> f;
     for (int y = 0; y <= n; ++y)
-        for (int x = 0; x <= n; ++x) {
-            v.push_back(float(x));
-            v.push_back(float(y));
-            v.push_back(0.0f);
-        }
+        for (int x = 0; x <= n; ++x) v.insert(v.end(), {float(x), float(y), 0.0f});
     auto id = [n](int x, int y) { return int32_t(y * (n + 1) + x); };
     for (int y = 0; y < n; ++y)
         for (int x = 0; x < n; ++x) {
@@ -74,45 +71,27 @@ inline std::map<std::pair<int32_t, int32_t>, int> directedEdges(const TriMesh& m
 // a closed, consistently wound, conforming mesh.
 inline ::testing::AssertionResult isClosedAndConforming(const TriMesh& m) {
     const auto count = directedEdges(m);
-    for (const auto& [e, n] : count) {
-        if (n != 1)
+    for (const auto& [e, n] : count)
+        if (n != 1 || count.count({e.second, e.first}) != 1)
             return ::testing::AssertionFailure() << "directed edge " << e.first << "->" << e.second << " occurs " << n
-                                                 << " times";
-        const auto opp = count.find({e.second, e.first});
-        if (opp == count.end())
-            return ::testing::AssertionFailure() << "directed edge " << e.first << "->" << e.second
-                                                 << " has no opposite (T-junction or hole)";
-    }
+                                                 << " times, its opposite " << count.count({e.second, e.first});
     return ::testing::AssertionSuccess();
 }
 
-// Host camera looking along +z from (cx_w, cy_w, -d): R = I, t = -centre,
-// K from f, cx, cy, P = K [R | t]. A world point (X, Y, 0) lands at
-// (cx + f (X - cx_w) / d, cy + f (Y - cy_w) / d).
-inline mycamera forwardCamera(double f, double cx, double cy, double d, double cx_w = 0.0, double cy_w = 0.0) {
-    mycamera cam{};
+// Host camera at (0, 0, -d) looking along +z (R = I, t = (0, 0, d)); with d
+// negative everything at z = 0 lies behind it.
+inline mycamera forwardCamera(double f, double cx, double cy, double d) {
+    mycamera cam;
     const double R[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-    const double t[3] = {-cx_w, -cy_w, d};
-    const double K[9] = {f, 0, cx, 0, f, cy, 0, 0, 1};
-    const double Kinv[9] = {1 / f, 0, -cx / f, 0, 1 / f, -cy / f, 0, 0, 1};
-    for (int i = 0; i < 9; ++i) cam.R[i] = R[i], cam.K[i] = K[i], cam.K_inv[i] = Kinv[i];
-    for (int i = 0; i < 3; ++i) cam.t[i] = t[i];
-    for (int r = 0; r < 3; ++r)
-        for (int c = 0; c < 4; ++c) {
-            double s = 0;
-            for (int k = 0; k < 3; ++k) s += K[3 * r + k] * (c < 3 ? R[3 * k + c] : t[k]);
-            cam.P[4 * r + c] = s;
-        }
+    std::memcpy(cam.R, R, sizeof R);
+    cam.t[0] = cam.t[1] = 0.0;
+    cam.t[2] = d;
     cam.fx = cam.fy = f;
     cam.cx = cx;
     cam.cy = cy;
+    updateIntrinsicMatrices(cam);
+    updateProjectionMatrix(cam);
     return cam;
-}
-
-// A camera looking along +z from (0, 0, +d): everything at z = 0 lies behind
-// it, so it sees nothing of a mesh in that plane.
-inline mycamera cameraLookingAway(double f, double cx, double cy, double d) {
-    return forwardCamera(f, cx, cy, -d);
 }
 
 }  // namespace meshtest

@@ -30,10 +30,8 @@ protected:
     }
     void TearDown() override {
         std::error_code ec;
-        fs::permissions(dir_, fs::perms::owner_all, fs::perm_options::add, ec);
-        for (const auto& entry : fs::recursive_directory_iterator(dir_, ec)) {
+        for (const auto& entry : fs::recursive_directory_iterator(dir_, ec))  // folders a test made read-only
             if (entry.is_directory(ec)) fs::permissions(entry.path(), fs::perms::owner_all, fs::perm_options::add, ec);
-        }
         fs::remove_all(dir_, ec);
     }
 

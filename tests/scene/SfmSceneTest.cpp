@@ -79,11 +79,7 @@ protected:
 
 TEST_F(SfmSceneTest, LoadsTheTwoCameraExample) {
     const std::string a = makeImage("a.png", 8, 6, 10), b = makeImage("b.png", 8, 6, 20);
-    const std::string p = path("scene.sfm");
-    // The usual layout: one block per line.
-    writeFile(p, "2\n" + a + " " + join(cameraNumbers(0), " ") + "\n" + b + " " + join(cameraNumbers(1), " ") +
-                     "\n-1 1 -2 2 -3 3\n0 1 1\n1 1 0\n");
-    const SfmScene scene = loadOk(p, 2);
+    const SfmScene scene = loadOk(writeScene("scene.sfm", sceneTokens({a, b}, {{1}, {0}})), 2);
     ASSERT_EQ(scene.images.size(), 2u);
     ASSERT_EQ(scene.cameras.size(), 2u);
     EXPECT_EQ(scene.imagePaths, (Tokens{a, b}));
