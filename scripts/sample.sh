@@ -11,7 +11,13 @@ rm -rf "$out"
 mkdir -p "$out"
 
 "$bin/tools/synth/tessaline_synth" "$out"
-(cd "$out" && "$bin/src/driver/tessaline_refine" scene.sfm initial.ply refined.ply)
+# The tool exits with status 1 at the end of a complete run, 0 when it stopped.
+status=0
+(cd "$out" && "$bin/src/driver/tessaline_refine" scene.sfm initial.ply refined.ply) || status=$?
+if [ "$status" -ne 1 ]; then
+  echo "The refinement did not complete." >&2
+  exit 1
+fi
 echo
 echo "Initial mesh against the ground truth:"
 "$bin/tools/compare/tessaline_compare" "$out/truth.ply" "$out/initial.ply"
