@@ -78,10 +78,8 @@ TEST_P(PrintfRing, CheckFuncRecordHasTheRecordLayout) {
 
     EXPECT_EQ(at<uint16_t>(ring, 0), 0xC811);
     EXPECT_EQ(at<uint16_t>(ring, 2), 72);  // fmtOffset
-    EXPECT_EQ(at<uint16_t>(ring, 4), 0);   // blockId
-    EXPECT_EQ(at<uint16_t>(ring, 6), 0);   // threadId
-    const size_t cells[4] = {8, 24, 40, 56};
-    for (size_t c : cells) EXPECT_EQ(at<int32_t>(ring, c), 4) << "size of cell at " << c;
+    EXPECT_EQ(at<uint32_t>(ring, 4), 0u);  // blockId, threadId
+    for (size_t c : {8, 24, 40, 56}) EXPECT_EQ(at<int32_t>(ring, c), 4) << "size of cell at " << c;
     EXPECT_EQ(at<int32_t>(ring, 16), 7);
     EXPECT_EQ(at<float>(ring, 32), 1.5f);
     EXPECT_EQ(at<float>(ring, 48), -2.25f);
@@ -141,8 +139,7 @@ TEST_P(PrintfRing, FullRingShowsEveryRecordAndWrappedRingTheNewest) {
 
     ASSERT_EQ(cuPrintfInit(4 * 256), 0);
     CHECK_FUNC_CUDA(g.data(), kValues, 6, 1);  // two records overwritten
-    const std::vector<std::string> l = lines(display(true).text);
-    EXPECT_EQ(l.size(), 4u);
+    EXPECT_EQ(lines(display(true).text).size(), 4u);
 }
 
 TEST_P(PrintfRing, EmptyAndRepeatedDisplaysPrintNothing) {
@@ -212,9 +209,8 @@ TEST_F(CpuPrintf, FormatOf167CharactersFitsBehindFourArgumentsAnd168DoesNot) {
     EXPECT_EQ(cuPrintf(overflows.c_str(), 1, 2.0f, 3.0f, 4.0f), 0);
     const Shown s = display(true);
     EXPECT_EQ(s.text, "[0, 0]: " + fits + "[0, 0]: printf buffer overflow\n");
-}
-
-TEST_F(CpuPrintf, OverflowRecordLosesItsThreadPrefixWhenIdsAreHidden) {
+    // With ids hidden the overflow record loses its thread prefix.
+    ASSERT_EQ(cuPrintfInit(1048576), 0);
     EXPECT_EQ(cuPrintf(std::string(300, 'x').c_str(), 1, 2, 3, 4), 0);
     EXPECT_EQ(display(false).text, "printf buffer overflow\n");
 }
@@ -251,10 +247,7 @@ TEST_F(CpuPrintf, RestrictFiltersThreadsAndBlocks) {
     EXPECT_GT(cuPrintf("all\n"), 0);
     origin = tessaline::printfring::PrintfOrigin{};
     EXPECT_EQ(display(true).text, "[1, 5]: mine\n[1, 5]: all\n");
-}
-
-TEST_F(CpuPrintf, ClosedRingTakesNoSlot) {
-    cuPrintfEnd();
+    cuPrintfEnd();  // a closed ring takes no slot
     EXPECT_EQ(cuPrintf("lost\n"), 0);
 }
 
