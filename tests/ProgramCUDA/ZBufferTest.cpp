@@ -174,7 +174,7 @@ TEST_P(ZBuffer, MarginFrameKeepsClearValuesAndNearBorderFacetsVanish) {
     EXPECT_GT(covered, 20);
 }
 
-TEST_P(ZBuffer, TinyAreaRendersNothingAndBehindCameraFacetIsDropped) {
+TEST_P(ZBuffer, TinyAreaBehindCameraFacetAndNoFacetRenderNothing) {
     const mycamera_cuda cam = frontCamera(10.0, 10.0, 10.0);
     const std::vector<float> v = {-0.1f, -0.1f, 2.0f, 0.1f, -0.1f, 2.0f, 0.0f, 0.1f, 2.0f,
                                   -0.1f, -0.1f, -2.0f, 0.1f, -0.1f, 2.0f, 0.0f, 0.1f, 2.0f};
@@ -184,6 +184,12 @@ TEST_P(ZBuffer, TinyAreaRendersNothingAndBehindCameraFacetIsDropped) {
     const mycamera_cuda wide = frontCamera(100.0, 50.0, 50.0);
     const Render r = renderOnDevice(v, {3, 5, 4}, wide, 100, 100);
     for (float d : r.depth) EXPECT_EQ(d, kClear);
+    // No facet at all leaves the buffers as they came.
+    const Render none = renderOnDevice(v, {}, wide, 100, 100);
+    for (size_t e = 0; e < none.depth.size(); ++e) {
+        EXPECT_EQ(none.depth[e], kClear);
+        EXPECT_EQ(none.facet[e], -1);
+    }
 }
 
 TEST_P(ZBuffer, BackFacingFacetInFrontHidesAndLeavesMinusOne) {
@@ -202,16 +208,6 @@ TEST_P(ZBuffer, BackFacingFacetInFrontHidesAndLeavesMinusOne) {
     const size_t side = size_t(42) * W + 32;
     EXPECT_EQ(r.facet[side], 0);
     EXPECT_NEAR(r.depth[side], 3.0f * std::sqrt(1.0f + (10.0f / 60.0f) * (10.0f / 60.0f)), 0.03f);
-}
-
-TEST_P(ZBuffer, NoFacetLeavesBuffersAsTheyCame) {
-    const mycamera_cuda cam = frontCamera(60.0, 32.0, 32.0);
-    const std::vector<float> v = {0, 0, 1};
-    const Render r = renderOnDevice(v, {}, cam, 64, 64);
-    for (size_t e = 0; e < r.depth.size(); ++e) {
-        EXPECT_EQ(r.depth[e], kClear);
-        EXPECT_EQ(r.facet[e], -1);
-    }
 }
 
 TESSALINE_INSTANTIATE_ON_BACKENDS(ZBuffer);
