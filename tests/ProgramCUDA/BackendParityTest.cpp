@@ -2,15 +2,20 @@
 // through no atomic float sum and no texture fetch, the two agree bit for
 // bit; the z-buffer's depth is an atomic minimum over the same candidates,
 // so it agrees bit for bit too, while the facet index may differ only where
-// two facets tie. Skipped where no CUDA device answers.
+// two facets tie. Texture fetches and atomic sums are compared within
+// tolerances argued at each test. Skipped where no CUDA device answers.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstring>
 #include <limits>
 #include <random>
 #include <vector>
 
 #include "DeviceTestSupport.h"
+#include "PlaneSceneSupport.h"
+#include "kernels/PairGeometry.h"
 
 namespace {
 
@@ -101,6 +106,169 @@ TEST_F(BackendParity, ZBufferDepthIsBitIdenticalForFacetCountsAroundTheBlock) {
         for (size_t e = 0; e < facet[0].size(); ++e) differ += facet[0][e] != facet[1][e];
         EXPECT_LE(differ, facet[0].size() / 1000) << "facet ids may differ only at exact depth ties";
     }
+}
+
+// The warp is 255 times a texture fetch at a position that both backends
+// compute bit for bit alike (no contraction, IEEE division and square root).
+// With one centre for both cameras, random depths within 0.75% of the
+// target's depth map 4 keep every point visible, and the target's offset
+// of 500 turns them into +-0.94 pixel of random shift. If the CPU sampler's
+// rule (weights of 8 fractional bits, rounded to nearest) is the hardware's,
+// the fetches are bit-identical; the message tells how they differ if not.
+TEST_F(BackendParity, TextureFetchesOfRandomBytesAtRandomPositionsAreBitIdentical) {
+    const int W = 128, H = 96;
+    const size_t n = size_t(W) * H;
+    std::mt19937 rng(2024);
+    std::uniform_real_distribution<float> jitter(3.97f, 4.03f);
+    std::vector<uint8_t> img(n);
+    for (uint8_t& b : img) b = uint8_t(rng());
+    std::vector<float> depthRef(n), depthTar(n, 4.0f), warped[2];
+    for (float& d : depthRef) d = jitter(rng);
+    const std::vector<int> facets(n, 0);
+    mycamera_cuda ref{}, tar{};
+    ref.R[0] = ref.R[4] = ref.R[8] = ref.K[8] = 1.0f;
+    ref.K[0] = ref.K[4] = 400.0f, ref.K[2] = 63.5f, ref.K[5] = 47.5f;
+    const float P[12] = {280, 30, -61, 500, -20, 290, -27, 300, 0, 0, 1, 0};  // u, v ~ 64, 48 at the centre
+    std::copy(P, P + 12, tar.P);
+    onBoth([&](int k) {
+        warped[k].assign(n, 7.0f);
+        Perspective_Image_Model_Image_Warp_CUDA(ref, depthRef.data(), facets.data(), tar, depthTar.data(),
+                                                facets.data(), img.data(), W, H, warped[k].data());
+    });
+    int valid = 0, differ = 0, ties = 0;
+    float worst = 0.0f, steps = 0.0f, frac[2] = {0, 0};
+    for (int y = 0; y < H; ++y)
+        for (int x = 0; x < W; ++x) {
+            const size_t e = size_t(y) * W + x;
+            ASSERT_EQ(warped[0][e] == -1.0f, warped[1][e] == -1.0f) << "visibility differs at " << x << "," << y;
+            if (warped[0][e] == -1.0f) continue;
+            ++valid;
+            const float diff = std::fabs(warped[1][e] - warped[0][e]);
+            if (diff == 0.0f) continue;
+            ++differ;
+            // The fetch's texel position, as the kernel and the sampler form it.
+            float C[3], r[3], X[3], px, py, pw;
+            tessaline::pixelSurfacePointF(ref, x, y, depthRef[e], C, r, X);
+            tessaline::projectF(tar.P, X, px, py, pw);
+            const float xb = (px / pw + 0.5f) - 0.5f, yb = (py / pw + 0.5f) - 0.5f;
+            const float a = 256.0f * (xb - std::floor(xb)), b = 256.0f * (yb - std::floor(yb));
+            ties += a - std::floor(a) == 0.5f || b - std::floor(b) == 0.5f;
+            if (diff <= worst) continue;
+            const size_t t = size_t(std::floor(yb)) * W + size_t(std::floor(xb));
+            const int q[4] = {img[t], img[t + 1], img[t + W], img[t + W + 1]};
+            const int span = std::max({std::abs(q[1] - q[0]), std::abs(q[3] - q[2]), std::abs(q[2] - q[0]),
+                                       std::abs(q[3] - q[1])});
+            worst = diff, steps = diff * 256.0f / float(std::max(span, 1)), frac[0] = a, frac[1] = b;
+        }
+    EXPECT_GT(valid, int(n * 3 / 4));
+    EXPECT_EQ(differ, 0) << differ << " of " << valid << " fetches differ (" << ties
+                         << " at a weight tie); the largest by " << worst << " grey levels, " << steps
+                         << " weight steps (1/256 of the largest neighbouring texel difference), at 256 x fractions "
+                         << frac[0] << ", " << frac[1]
+                         << ". Whole steps: the hardware does not round the weights to nearest (or breaks ties "
+                            "otherwise); far below one step: its blend arithmetic differs.";
+}
+
+// Camera 0 against camera 1 of the plane scene, the flat mesh 0.03 in front
+// of the plane: the depth maps are bit-identical; the warp and the gradient
+// then run on each backend from the same maps and NCC derivative. Weights
+// one step of 1/256 off in x and in y move a fetch by at most 2 D / 256 grey
+// levels, D the largest neighbouring texel difference of the target, and a
+// central difference (two fetches with the same weights) by at most 4 D /
+// 256, as second and cross differences reach 2 D: 1.6% of the largest
+// difference. The pixel terms of a displaced mesh add with one sign per
+// vertex, so the sums move by about as much of the largest; 3% leaves a
+// factor two. Atomic sum order adds only rounding; pixel counts are exact.
+TEST_F(BackendParity, WarpAndPhotometricGradientAgreeWithinOneWeightStep) {
+    const tessaline::test::PlaneScene s(2, 0.03);
+    const auto& m = s.mesh;
+    const int W = s.W, H = s.H;
+    const size_t n = size_t(W) * H;
+    const uint8_t* target = s.images.data() + n;
+    std::vector<float> depth[2][2], b[2], c[2], warped[2], grad[2], hits[2];
+    std::vector<int> facet[2];
+    onBoth([&](int k) {
+        for (int cam : {0, 1}) {
+            depth[k][cam].assign(n, tessaline::kDepthClear);
+            facet[cam].assign(n, -1);
+            b[cam].assign(n, 0.0f);
+            c[cam].assign(n, 0.0f);
+            TriMesh_Image_ZBuffering_CUDA(m.numV(), m.vertices.data(), m.numF(), m.facets.data(), s.cameras[cam], 0,
+                                          0, W, H, depth[k][cam].data(), facet[cam].data(), b[cam].data(),
+                                          c[cam].data());
+        }
+    });
+    EXPECT_TRUE(sameBits(depth[0][0], depth[1][0]) && sameBits(depth[0][1], depth[1][1]));
+    onBoth([&](int k) {
+        warped[k].assign(n, 7.0f);
+        Perspective_Image_Model_Image_Warp_CUDA(s.cameras[0], depth[0][0].data(), facet[0].data(), s.cameras[1],
+                                                depth[0][1].data(), facet[1].data(), target, W, H, warped[k].data());
+    });
+    int D = 0;
+    for (int y = 0; y + 1 < H; ++y)
+        for (int x = 0; x + 1 < W; ++x)
+            for (size_t next : {size_t(1), size_t(W)})
+                D = std::max(D, std::abs(target[y * W + x + next] - target[y * W + x]));
+    int valid = 0;
+    float worst = 0.0f;
+    for (size_t e = 0; e < n; ++e) {
+        ASSERT_EQ(warped[0][e] == -1.0f, warped[1][e] == -1.0f) << "visibility differs at pixel " << e;
+        valid += warped[0][e] != -1.0f;
+        worst = std::max(worst, std::fabs(warped[1][e] - warped[0][e]));
+    }
+    EXPECT_GT(valid, int(n / 4));
+    // 1e-4: a few float roundings of values up to 255.
+    EXPECT_LE(worst, 2.0f * D / 256.0f + 1e-4f) << "largest warp difference in grey levels, D = " << D;
+    std::vector<float> A(s.images.begin(), s.images.begin() + n), g(n), cc(n), normals;
+    std::vector<uint8_t> mask(n);
+    Compute_NCCGrad_CUDA(W, H, A.data(), warped[0].data(), g.data(), cc.data(), mask.data(), 2);
+    for (int f = 0; f < m.numF(); ++f) normals.insert(normals.end(), {0.0f, 0.0f, -1.0f});
+    onBoth([&](int k) {
+        grad[k].assign(3 * size_t(m.numV()), 0.0f);
+        hits[k].assign(size_t(m.numV()), 0.0f);
+        AddPhotometricGradient_ImagePair_CUDA(m.numF(), m.facets.data(), normals.data(), W, H, s.cameras[0],
+                                              s.images.data(), depth[0][0].data(), facet[0].data(), s.cameras[1],
+                                              target, depth[0][1].data(), facet[1].data(), b[0].data(), c[0].data(),
+                                              g.data(), mask.data(), 2.0f, 2.0f, m.numV(), grad[k].data(),
+                                              hits[k].data());
+    });
+    EXPECT_EQ(hits[1], hits[0]);
+    float largest = 0.0f;
+    for (float v : grad[0]) largest = std::max(largest, std::fabs(v));
+    ASSERT_GT(largest, 0.0f);
+    for (size_t i = 0; i < grad[0].size(); ++i) EXPECT_NEAR(grad[1][i], grad[0][i], 0.03f * largest) << i;
+}
+
+// The whole optimisation, four iterations on three cameras with the flat
+// mesh 0.03 in front of the plane. Each iteration's gradient differs by the
+// atomic sum order (rounding only) and by texture weights a step apart (~3%
+// of the largest vertex gradient, see above); the descent contracts toward
+// the plane, so the vertices stay within 5% of the largest move in z of
+// each other, and both close the same share of the gap, to 2% of it.
+TEST_F(BackendParity, MeshOptimizationMovesTheVerticesAlike) {
+    const tessaline::test::PlaneScene s(3, 0.03);
+    const auto& m = s.mesh;
+    const std::vector<uint8_t> pairs(9, 1);
+    std::vector<float> v[2];
+    onBoth([&](int k) {
+        v[k] = m.vertices;
+        ::testing::internal::CaptureStdout();
+        Integrated_Mesh_Optimization_CUDA(m.numV(), v[k].data(), m.numF(), m.facets.data(), int(s.rings.list.size()),
+                                          s.rings.list.data(), s.rings.counts.data(), s.rings.offsets.data(), 3, s.W,
+                                          s.H, s.cameras.data(), s.images.data(), 4, pairs.data(), true);
+        ::testing::internal::GetCapturedStdout();
+    });
+    float moved = 0.0f, apart = 0.0f;
+    double gap[2] = {0.0, 0.0};
+    for (size_t i = 0; i < v[0].size(); ++i) {
+        apart = std::max(apart, std::fabs(v[1][i] - v[0][i]));
+        if (i % 3 != 2) continue;
+        moved = std::max(moved, std::fabs(v[0][i] - m.vertices[i]));
+        for (int k : {0, 1}) gap[k] += std::fabs(v[k][i]) / m.numV();
+    }
+    EXPECT_LE(apart, 0.05f * moved);
+    EXPECT_NEAR(gap[1], gap[0], 0.02 * 0.03);
+    EXPECT_LT(gap[0], 0.8 * 0.03);
 }
 
 }  // namespace
