@@ -4,12 +4,15 @@
 // read through the same sampling rule.
 #pragma once
 
+#include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <new>
 
 #include "DeviceCommon.h"
+#include "KernelProfile.h"
 #include "LaunchGeometry.h"
 
 namespace tessaline {
@@ -47,12 +50,24 @@ struct CpuBackend {
         if (count) std::memset(dst, 0, count * sizeof(T));
     }
 
+    // Runs one launch's loop, timed when profiling is on.
+    template <class F, class Loop>
+    void timed(double elements, const Loop& loop) {
+        if (!kernelProfileEnabled()) return loop();
+        const auto start = std::chrono::steady_clock::now();
+        loop();
+        const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
+        recordKernelLaunch<F>(elements, spent.count());
+    }
+
     // Grid n/block + 1 blocks of `block` threads; f(id) for every thread.
     template <class F>
     void launch1D(int n, int block, const F& f) {
         const long long total = (long long)gridBlocks(n, block) * block;
+        timed<F>(n, [&] {
 #pragma omp parallel for schedule(static) if (total >= kParallelMinimum)
-        for (long long id = 0; id < total; ++id) f(int(id));
+            for (long long id = 0; id < total; ++id) f(int(id));
+        });
     }
 
     // Grid (w/bx + 1) x (h/by + 1) of bx x by blocks; f(x, y) for every thread.
@@ -60,9 +75,32 @@ struct CpuBackend {
     void launch2D(int width, int height, int bx, int by, const F& f) {
         const int spanX = int(gridBlocks(width, bx)) * bx;
         const int spanY = int(gridBlocks(height, by)) * by;
+        timed<F>(double(width) * height, [&] {
 #pragma omp parallel for schedule(static) if ((long long)spanX * spanY >= kParallelMinimum)
-        for (int y = 0; y < spanY; ++y)
-            for (int x = 0; x < spanX; ++x) f(x, y);
+            for (int y = 0; y < spanY; ++y)
+                for (int x = 0; x < spanX; ++x) f(x, y);
+        });
+    }
+
+    // Bytes read plus written per second by large host copies, in GB/s.
+    double copyBandwidthGBs() {
+        const size_t bytes = size_t(256) << 20;
+        char* a = alloc<char>(bytes);
+        char* b = alloc<char>(bytes);
+        double best = 0.0;
+        if (a && b) {
+            std::memset(a, 1, bytes);
+            std::memset(b, 0, bytes);
+            for (int round = 0; round < 5; ++round) {
+                const auto start = std::chrono::steady_clock::now();
+                std::memcpy(round % 2 ? a : b, round % 2 ? b : a, bytes);
+                const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;
+                best = std::max(best, 2.0 * double(bytes) / spent.count() / 1e9);
+            }
+        }
+        release(a);
+        release(b);
+        return best;
     }
 
     uint8_t* copyBytes(const uint8_t* bytes, size_t n) {

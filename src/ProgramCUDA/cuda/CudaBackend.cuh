@@ -5,10 +5,12 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
 
 #include <cuda_runtime.h>
 
 #include "DeviceCommon.h"
+#include "KernelProfile.h"
 #include "LaunchGeometry.h"
 
 namespace tessaline {
@@ -25,6 +27,12 @@ namespace tessaline {
             (backend).failed = true;                                                        \
         }                                                                                   \
     } while (0)
+
+// Event pairs around launches when profiling is on; their times are read
+// when the profile is next looked at, so timing never stalls the stream.
+cudaEvent_t beginKernelTiming();
+void endKernelTiming(cudaEvent_t start, const std::string& kernel, double elements, double floorBytes);
+double deviceCopyBandwidthGBs();
 
 template <class F>
 __global__ void launchKernel1D(F f) {
@@ -69,19 +77,30 @@ struct CudaBackend {
         if (count && dst) TESSALINE_CUDA_CHECK(*this, cudaMemset(dst, 0, count * sizeof(T)));
     }
 
+    // Issues one launch, between two events when profiling is on.
+    template <class F, class Issue>
+    void timed(double elements, const Issue& issue) {
+        cudaEvent_t start = kernelProfileEnabled() ? beginKernelTiming() : nullptr;
+        issue();
+        TESSALINE_CUDA_CHECK(*this, cudaGetLastError());
+        if (start) endKernelTiming(start, kernelTypeName<F>(), elements, elements * KernelFloorBytes<F>::perElement);
+    }
+
     template <class F>
     void launch1D(int n, int block, const F& f) {
         if (failed) return;
-        launchKernel1D<F><<<dim3(gridBlocks(n, block), 1, 1), dim3(block, 1, 1)>>>(f);
-        TESSALINE_CUDA_CHECK(*this, cudaGetLastError());
+        timed<F>(n, [&] { launchKernel1D<F><<<dim3(gridBlocks(n, block), 1, 1), dim3(block, 1, 1)>>>(f); });
     }
 
     template <class F>
     void launch2D(int width, int height, int bx, int by, const F& f) {
         if (failed) return;
-        launchKernel2D<F><<<dim3(gridBlocks(width, bx), gridBlocks(height, by), 1), dim3(bx, by, 1)>>>(f);
-        TESSALINE_CUDA_CHECK(*this, cudaGetLastError());
+        timed<F>(double(width) * height, [&] {
+            launchKernel2D<F><<<dim3(gridBlocks(width, bx), gridBlocks(height, by), 1), dim3(bx, by, 1)>>>(f);
+        });
     }
+
+    double copyBandwidthGBs() { return deviceCopyBandwidthGBs(); }
 
     static cudaTextureDesc linearByteTextureDesc() {
         cudaTextureDesc desc;

@@ -13,6 +13,7 @@ namespace tessaline {
 // input and output must be different arrays: a thread reads its neighbours'
 // input and writes its own output.
 struct Kernel_ComputeSmoothnessGradient {
+    static constexpr int kFloorBytesPerElement = 32;  // ring count and offset and own input read, output written
     int num_v;
     const float* input;
     int num_f;           // not read
@@ -43,6 +44,7 @@ struct Kernel_ComputeSmoothnessGradient {
 // Unit normal of each facet, by the right-hand rule over its winding. A
 // degenerate facet divides 0 by 0 and gets NaN components.
 struct Kernel_Compute_FacetNormal {
+    static constexpr int kFloorBytesPerElement = 24;  // three indices read, normal written
     int num_v;  // not read
     const float* vertices;
     int num_f;
@@ -67,6 +69,7 @@ struct Kernel_Compute_FacetNormal {
 };
 
 struct Kernel_Set_FloatArray {
+    static constexpr int kFloorBytesPerElement = 4;  // one value written
     int n;
     float* array;
     float value;
@@ -78,6 +81,7 @@ struct Kernel_Set_FloatArray {
 };
 
 struct Kernel_Set_IntArray {
+    static constexpr int kFloorBytesPerElement = 4;  // one value written
     int n;
     int* array;
     int value;
@@ -95,6 +99,7 @@ DEVICE_HOST void gradientStep(float* vertices, const float* gradient, float step
 }
 
 struct Kernel_GradientDescent {
+    static constexpr int kFloorBytesPerElement = 36;  // gradient read, vertex read and written
     int num_v;
     float* vertices;
     const float* gradient;

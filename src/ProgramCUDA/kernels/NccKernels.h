@@ -35,6 +35,7 @@ DEVICE_HOST float nccWindowCount(int h) {
 }
 
 struct Kernel_Compute_VisibleMask_CUDA {
+    static constexpr int kFloorBytesPerElement = 5;  // mask written, at least one image value read
     int width;
     int height;
     const float* image;
@@ -60,6 +61,7 @@ struct Kernel_Compute_VisibleMask_CUDA {
 };
 
 struct Kernel_Compute_Mean_CUDA {
+    static constexpr int kFloorBytesPerElement = 5;  // mean written, mask read
     int width;
     int height;
     const float* image;
@@ -82,6 +84,7 @@ struct Kernel_Compute_Mean_CUDA {
 
 // Window variance about the centre pixel's mean, plus 1.0.
 struct Kernel_Compute_Var_CUDA {
+    static constexpr int kFloorBytesPerElement = 5;  // variance written, mask read
     int width;
     int height;
     const float* image;
@@ -110,6 +113,7 @@ struct Kernel_Compute_Var_CUDA {
 };
 
 struct Kernel_Compute_Cov_CUDA {
+    static constexpr int kFloorBytesPerElement = 5;  // covariance written, mask read
     int width;
     int height;
     const float* imageA;
@@ -140,6 +144,7 @@ struct Kernel_Compute_Cov_CUDA {
 };
 
 struct Kernel_Compute_CC_CUDA {
+    static constexpr int kFloorBytesPerElement = 5;  // correlation written, mask read
     int width;
     int height;
     const float* cov;
@@ -162,6 +167,7 @@ struct Kernel_Compute_CC_CUDA {
 // that contain a pixel, averaged over those windows and weighted by the
 // pixel's texture: w = t/(t + 100) with t the smaller variance.
 struct Kernel_Compute_AlphaBetaGamma_CUDA {
+    static constexpr int kFloorBytesPerElement = 13;  // three coefficients written, mask read
     int width;
     int height;
     const float* meanA;
@@ -209,6 +215,7 @@ struct Kernel_Compute_AlphaBetaGamma_CUDA {
 // grad = (alpha A + beta B) + gamma: the derivative of minus the summed
 // correlation with respect to B at the pixel, up to the scales above.
 struct Kernel_Compute_NCCGrad_FromAlphaBetaGamma_CUDA {
+    static constexpr int kFloorBytesPerElement = 5;  // gradient written, mask read
     int width;
     int height;
     const float* imageA;

@@ -89,6 +89,7 @@ DEVICE_HOST void addPhotometricGradientPixel(const GradientKernel& k, int x, int
 // The gradient of one ordered pair of the image stack: the target image is
 // layer index_tar of tex_imgs.
 struct Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA {
+    static constexpr int kFloorBytesPerElement = 1;  // the mask read
     int num_f;
     const int* facets;
     const float* facet_normals;
@@ -121,6 +122,7 @@ struct Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA {
 // Counts, per vertex, the pairs that reached it: once per pair, however many
 // pixels did.
 struct Kernel_Update_Vt_Image_Pair_Count {
+    static constexpr int kFloorBytesPerElement = 4;  // the pair hits read
     int num_v;
     float* vt_pair_count;
     const float* vt_pair_hits;
@@ -134,6 +136,7 @@ struct Kernel_Update_Vt_Image_Pair_Count {
 // Sum over pixels within a pair, mean over pairs; a vertex no pair reached
 // gets exactly zero and update mask 0.
 struct Kernel_Normalize_GRAD_PHOTO {
+    static constexpr int kFloorBytesPerElement = 17;  // pair count read, gradient and update mask written
     int num_v;
     float* grad_photo;
     const float* vt_pair_count;

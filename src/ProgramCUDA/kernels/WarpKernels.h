@@ -69,6 +69,7 @@ DEVICE_HOST void warpPixel(const WarpKernel& k, int x, int y, const Fetch& fetch
 // The warp of one ordered pair of the image stack: the target is layer
 // index_tar of tex_imgs.
 struct Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA {
+    static constexpr int kFloorBytesPerElement = 12;  // warped value written, reference depth and facet read
     mycamera_cuda camera_ref;
     const float* depth_ref;
     const int* facet_ref;

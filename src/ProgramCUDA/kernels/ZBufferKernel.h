@@ -35,6 +35,7 @@ DEVICE_HOST void projectF(const float P[12], const float X[3], float& px, float&
 }
 
 struct Kernel_TriMesh_Image_ZBuffering_CUDA {
+    static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
     int num_v;
     const float* vertices;
     int num_f;

@@ -28,10 +28,12 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <iostream>
 #include <vector>
 
+#include "KernelProfile.h"
 #include "LaunchGeometry.h"
 #include "ProgramCUDA.h"
 #include "kernels/MeshKernels.h"
@@ -345,6 +347,9 @@ void integratedMeshOptimizationWrapper(Backend& be, int num_v, float* vertices, 
                                     images,      iterations, pair_mask, first_order_smoothing};
     if (!checkMeshOptimizationArgs(args)) return;
 
+    using Clock = std::chrono::steady_clock;
+    const bool profiling = kernelProfileEnabled();
+    const Clock::time_point callStart = Clock::now();
     printDeviceMemoryReport("Before allocating: device memory aviable: ");
     printfRingOpen(be);
     MeshOptimizationCall<Backend> call(be, args);
@@ -353,11 +358,18 @@ void integratedMeshOptimizationWrapper(Backend& be, int num_v, float* vertices, 
 
     long long done = 0;
     if (!be.failed) call.meanDepthPass();
+    if (profiling) {
+        be.synchronize();
+        clearKernelProfile();
+    }
+    const Clock::time_point iterationStart = Clock::now();
     for (long long it = 1; it <= iterations && !be.failed; ++it) {
         std::cout << "\rmesh optimizing iteration: " << it << "/" << iterations << std::flush;
         call.iteration();
         done = it;
     }
+    if (profiling) be.synchronize();
+    const std::chrono::duration<double> iterationTime = Clock::now() - iterationStart;
 
     printfRingShow(be);
     // The caller's vertices change only when the whole call succeeded.
@@ -377,6 +389,11 @@ void integratedMeshOptimizationWrapper(Backend& be, int num_v, float* vertices, 
     printDeviceMemoryReport("After free: device memory aviable: ");
     std::cout << "\n";
     std::cout.flush();
+    if (profiling) {
+        const std::chrono::duration<double> callTime = Clock::now() - callStart;
+        static const double bandwidth = be.copyBandwidthGBs();  // once per process and backend
+        printKernelProfile(callTime.count(), iterationTime.count(), done, bandwidth);
+    }
 }
 
 }  // namespace tessaline
