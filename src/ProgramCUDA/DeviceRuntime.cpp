@@ -3,6 +3,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -51,16 +53,24 @@ bool cudaDeviceAvailable() {
 #endif
 }
 
+// TESSALINE_BACKEND=cpu keeps the kernels on the CPU even where a device
+// exists: for comparing the backends on one machine, or leaving a busy GPU
+// alone.
+[[maybe_unused]] static bool cpuBackendRequested() {
+    const char* v = std::getenv("TESSALINE_BACKEND");
+    return v && std::strcmp(v, "cpu") == 0;
+}
+
 DeviceSetup setupDevice(int deviceIndex) {
     DeviceSetup setup;
 #ifdef TESSALINE_CUDA_ENABLED
-    if (cudaDeviceAvailable() &&
+    if (!cpuBackendRequested() && cudaDeviceAvailable() &&
         tessaline::cudart::setupDevice(deviceIndex, setup.description, setup.freeMB, setup.totalMB)) {
         setup.backend = DeviceBackend::Cuda;
         g_backend = DeviceBackend::Cuda;
         return setup;
     }
-    const char* why = "no CUDA device found";
+    const char* why = cpuBackendRequested() ? "TESSALINE_BACKEND=cpu" : "no CUDA device found";
 #else
     const char* why = "built without CUDA";
 #endif
