@@ -4,11 +4,18 @@ and prints per scene the time of each level, the total time, the peak
 memory, and accuracy and completeness of the initial and refined meshes
 against the ground truth.
 
-    scripts/benchmark.py [--build build] [--out out/bench] [--scenes small,medium,large]
+    scripts/benchmark.py [--build build] [--out out/bench] [--scenes small,medium,large] [--profile]
 
 Timing comes from the tool's own output as it streams: a level runs from the
 end of the previous one (or the end of loading) to the "After free" memory
 report that closes its refinement.
+
+With --profile the tool runs with TESSALINE_PROFILE=1: each level's
+optimisation call then reports the time of the whole call and of its
+iterations, and every kernel's time per iteration next to its floor (the
+bytes it must move at least over the measured copy bandwidth). The script
+prints those per scene and level, and the kernel split of one iteration at
+the finest level of the last scene.
 """
 import argparse
 import json
@@ -25,11 +32,10 @@ SCENES = {
 }
 
 
-def run_timed(cmd, cwd):
-    """Runs cmd, returning (elapsed seconds, peak RSS in MiB, [(t, line)])."""
+def run_timed(cmd, cwd, env=None):
+    """Runs cmd, returning (elapsed seconds, peak RSS in MiB, [(t, line)], exit status)."""
     start = time.monotonic()
-    proc = subprocess.Popen(["/usr/bin/time", "-f", "PEAK_KB %M"] + cmd, cwd=cwd,
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+    proc = subprocess.Popen(cmd, cwd=cwd, env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     lines, buf = [], b""
     while True:
         chunk = proc.stdout.read1(4096)
@@ -40,11 +46,11 @@ def run_timed(cmd, cwd):
         buf = parts.pop()
         now = time.monotonic() - start
         lines += [(now, p.decode(errors="replace")) for p in parts if p]
-    err = proc.stderr.read().decode(errors="replace")
-    proc.wait()
+    # wait4 gives this child's own peak resident set (kilobytes on Linux).
+    _, status, usage = os.wait4(proc.pid, 0)
+    proc.returncode = os.waitstatus_to_exitcode(status)
     elapsed = time.monotonic() - start
-    peak = re.search(r"PEAK_KB (\d+)", err)
-    return elapsed, (int(peak.group(1)) / 1024.0 if peak else float("nan")), lines, proc.returncode
+    return elapsed, usage.ru_maxrss / 1024.0, lines, proc.returncode
 
 
 def compare(build, truth, mesh):
@@ -59,13 +65,55 @@ def level_times(lines):
     return [b - a for a, b in zip(marks, marks[1:])]
 
 
+def profiles(lines):
+    """The profile blocks of a run, one per optimisation call, in level order:
+    dict(call, iterations, count, per_iteration_ms, kernels=[(name, launches,
+    ms, floor_mb, floor_ms)], bandwidth)."""
+    blocks = []
+    for _, l in lines:
+        m = re.match(r"Profile: call ([\d.]+) s, iterations ([\d.]+) s, (\d+) iterations, ([\d.]+) ms", l)
+        if m:
+            blocks.append(dict(call=float(m[1]), iterations=float(m[2]), count=int(m[3]),
+                               per_iteration_ms=float(m[4]), kernels=[], bandwidth=float("nan")))
+            continue
+        m = re.match(r"Profile: (.+?)\s+([\d.]+)\s+([\d.]+)\s+([\d.]+)\s+([\d.]+)\s+[\d.]+$", l)
+        if m and blocks:
+            blocks[-1]["kernels"].append((m[1], float(m[2]), float(m[3]), float(m[4]), float(m[5])))
+        m = re.match(r"Profile: copy bandwidth ([\d.]+) GB/s", l)
+        if m and blocks:
+            blocks[-1]["bandwidth"] = float(m[1])
+    return blocks
+
+
+def print_profiles(rows):
+    print()
+    print(f"{'scene':8} {'level':>5} | {'call':>8} {'iterations':>10} {'count':>5} {'ms/iter':>9} "
+          f"{'floor ms/iter':>13}")
+    for name, *_, blocks in rows:
+        for level, b in zip((2, 1, 0), blocks):
+            floor = sum(k[4] for k in b["kernels"] if k[0] != "all kernels")
+            print(f"{name:8} {level:5d} | {b['call']:7.3f}s {b['iterations']:9.3f}s {b['count']:5d} "
+                  f"{b['per_iteration_ms']:9.3f} {floor:13.3f}")
+    if not rows or not rows[-1][-1]:
+        return
+    name, last = rows[-1][0], rows[-1][-1][-1]
+    print(f"\none iteration at level 0 of scene {name}, by kernel "
+          f"(floor at {last['bandwidth']:.1f} GB/s copy bandwidth):")
+    print(f"{'kernel':58} {'launches':>8} {'ms':>9} {'share':>6} {'floor MB':>9} {'floor ms':>9}")
+    total = next((k[2] for k in last["kernels"] if k[0] == "all kernels"), float("nan"))
+    for k in sorted(last["kernels"], key=lambda k: (k[0] == "all kernels", -k[2])):
+        print(f"{k[0]:58} {k[1]:8.1f} {k[2]:9.3f} {100 * k[2] / total:5.1f}% {k[3]:9.2f} {k[4]:9.3f}")
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--build", default="build")
     ap.add_argument("--out", default="out/bench")
     ap.add_argument("--scenes", default="small,medium,large")
     ap.add_argument("--lod", default="0", help="level of detail passed to the tool")
+    ap.add_argument("--profile", action="store_true", help="time the optimisation per call and per kernel")
     args = ap.parse_args()
+    env = dict(os.environ, TESSALINE_PROFILE="1") if args.profile else None
     build = os.path.abspath(args.build)
     rows = []
     for name in args.scenes.split(","):
@@ -77,7 +125,7 @@ def main():
                        check=True, stdout=subprocess.DEVNULL)
         elapsed, peak, lines, rc = run_timed(
             [os.path.join(build, "src/driver/tessaline_refine"), "scene.sfm", "initial.ply", "refined.ply", args.lod],
-            out)
+            out, env)
         if rc != 1:
             print("\n".join(l for _, l in lines[-20:]), file=sys.stderr)
             sys.exit(f"tool failed on scene {name} (exit {rc})")
@@ -85,11 +133,12 @@ def main():
         after = compare(build, os.path.join(out, "truth.ply"), os.path.join(out, "refined.ply"))
         facets = [l for _, l in lines if l.startswith("subdividing") or l.startswith("stop dividing")]
         backend = next((l for _, l in lines if l.startswith("Device backend")), "?")
-        rows.append((name, p, level_times(lines), elapsed, peak, before, after, backend, len(facets)))
+        rows.append((name, p, level_times(lines), elapsed, peak, before, after, backend, len(facets),
+                     profiles(lines)))
 
     print(f"{'scene':8} {'views':>5} {'size':>9} | {'level 2':>8} {'level 1':>8} {'level 0':>8} {'total':>8} "
           f"{'peak MiB':>9} | {'acc before':>10} {'acc after':>10} {'comp before':>11} {'comp after':>10}")
-    for name, p, lt, el, peak, b, a, backend, _ in rows:
+    for name, p, lt, el, peak, b, a, backend, *_ in rows:
         lt = lt + [float("nan")] * (3 - len(lt))
         print(f"{name:8} {p['views']:5d} {p['width']:4d}x{p['height']:<4d} | "
               f"{lt[0]:7.1f}s {lt[1]:7.1f}s {lt[2]:7.1f}s {el:7.1f}s {peak:9.0f} | "
@@ -97,6 +146,8 @@ def main():
               f"{b['completeness_mean_rel']:11.5f} {a['completeness_mean_rel']:10.5f}")
     print("accuracy/completeness: mean distance as a fraction of the ground truth's bounding-box diagonal")
     print(rows[0][7] if rows else "")
+    if args.profile:
+        print_profiles(rows)
 
 
 if __name__ == "__main__":
