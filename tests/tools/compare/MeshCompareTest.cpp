@@ -1,16 +1,20 @@
-// Accuracy and completeness against cases with known answers: identical
-// meshes, a scaled sphere, an offset plane, a mesh missing half the
-// reference, and facets of unequal area.
+// Accuracy and completeness against cases with known answers, the summary
+// statistics, the meshes that cannot be measured, and the command line.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
+#include <filesystem>
 #include <string>
 #include <vector>
 
 #include "MeshCompare.h"
 #include "SynthShape.h"
+#include "plyIO.h"
 
 using namespace tessaline::compare;
+namespace fs = std::filesystem;
 
 namespace {
 
@@ -21,8 +25,9 @@ TriMesh sphere(int level, double radius) {
     return mesh;
 }
 
-// An n x n grid of squares, two facets each, over [0, size]^2 at height z.
-TriMesh grid(int n, double size, double z) {
+// `extra` facets (3 indices each) after an n x n grid of squares, two facets
+// each, over [0, size]^2 at height z; `extraVertices` after its vertices.
+TriMesh grid(int n, double size, double z, std::vector<float> extraVertices = {}, std::vector<int32_t> extra = {}) {
     TriMesh mesh;
     for (int j = 0; j <= n; ++j)
         for (int i = 0; i <= n; ++i) mesh.vertices.insert(mesh.vertices.end(), {float(size * i / n), float(size * j / n), float(z)});
@@ -31,23 +36,11 @@ TriMesh grid(int n, double size, double z) {
             const int32_t a = j * (n + 1) + i, b = a + 1, c = a + n + 1, d = c + 1;
             mesh.facets.insert(mesh.facets.end(), {a, b, d, a, d, c});
         }
+    mesh.vertices.insert(mesh.vertices.end(), extraVertices.begin(), extraVertices.end());
+    mesh.facets.insert(mesh.facets.end(), extra.begin(), extra.end());
     mesh.num_v = int32_t(mesh.vertices.size() / 3);
     mesh.num_f = int32_t(mesh.facets.size() / 3);
     return mesh;
-}
-
-// The facets of `mesh` whose centroid lies above z = 0; all vertices kept.
-TriMesh upperHalf(const TriMesh& mesh) {
-    TriMesh half = mesh;
-    half.facets.clear();
-    for (int32_t f = 0; f < mesh.num_f; ++f) {
-        double z = 0.0;
-        for (int k = 0; k < 3; ++k) z += mesh.vertices[3 * size_t(mesh.facets[3 * f + k]) + 2];
-        if (z > 0.0)
-            for (int k = 0; k < 3; ++k) half.facets.push_back(mesh.facets[3 * f + k]);
-    }
-    half.num_f = int32_t(half.facets.size() / 3);
-    return half;
 }
 
 MeshComparison compare(const TriMesh& reference, const TriMesh& test, size_t samples = 20000) {
@@ -57,35 +50,26 @@ MeshComparison compare(const TriMesh& reference, const TriMesh& test, size_t sam
     return result;
 }
 
-TEST(MeshCompare, KnownDistancesIdenticalScaledSphereOffsetPlane) {
+TEST(MeshCompare, KnownDistancesInEachDirectionAndTheSameNumbersOnEveryRun) {
     // Every point of the sphere scaled by 1.01 lies 0.01 times its facet's
-    // distance from the centre (within 0.1% of 1 here) outside the unit sphere.
-    struct Case { const char* name; TriMesh reference, test; double distance, tolerance, diagonal; };
+    // distance from the centre (within 0.1% of 1 here) outside the unit
+    // sphere. A zero-area facet far away is neither sampled nor surface. The
+    // square [0, 1/2]^2 lies on the unit square, whose points are on average
+    // (0 + 1/4 + 1/4 + (sqrt(2) + asinh(1)) / 6) / 4 = 0.2207 from it.
+    struct Case { const char* name; TriMesh reference, test; double accuracy, completeness, tolerance, diagonal; };
     const std::vector<Case> cases = {
-        {"identical", sphere(3, 1.0), sphere(3, 1.0), 0.0, 1e-12, 2.0 * std::sqrt(3.0)},
-        {"scaled sphere", sphere(5, 1.0), sphere(5, 1.01), 0.01, 2e-5, 2.0 * std::sqrt(3.0)},
-        {"offset plane", grid(8, 1.0, 0.0), grid(5, 1.0, 0.125), 0.125, 1e-12, std::sqrt(2.0)}};
+        {"scaled sphere", sphere(5, 1.0), sphere(5, 1.01), 0.01, 0.01, 2e-5, 2.0 * std::sqrt(3.0)},
+        {"offset plane", grid(8, 1.0, 0.0), grid(5, 1.0, 0.125), 0.125, 0.125, 1e-12, std::sqrt(2.0)},
+        {"far sliver", grid(2, 1.0, 0.0), grid(2, 1.0, 0.0, {5, 5, 5, 6, 6, 6}, {9, 10, 9}), 0.0, 0.0, 1e-12, std::sqrt(2.0)},
+        {"quarter", grid(4, 1.0, 0.0), grid(2, 0.5, 0.0), 0.0, 0.2207, 3e-3, std::sqrt(2.0)}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
-        const MeshComparison r = compare(c.reference, c.test);
-        for (const DistanceStats& d : {r.accuracy, r.completeness})
-            for (double v : {d.mean, d.median, d.p90}) EXPECT_NEAR(v, c.distance, c.tolerance);
+        const MeshComparison r = compare(c.reference, c.test), again = compare(c.reference, c.test);
+        for (double v : {r.accuracy.mean, r.accuracy.median, r.accuracy.p90}) EXPECT_NEAR(v, c.accuracy, c.tolerance);
+        EXPECT_NEAR(r.completeness.mean, c.completeness, c.tolerance);
         EXPECT_NEAR(r.diagonal, c.diagonal, 1e-3);
+        EXPECT_TRUE(r.accuracy.mean == again.accuracy.mean && r.completeness.p90 == again.completeness.p90);
     }
-}
-
-TEST(MeshCompare, MissingHalfIsAccurateButIncomplete) {
-    const TriMesh full = sphere(4, 1.0), half = upperHalf(full);
-    const MeshComparison r = compare(full, half);
-    EXPECT_LT(r.accuracy.p90, 1e-9);
-    // Half of the reference's points are up to the full radius away from the
-    // rim of the test mesh.
-    EXPECT_GT(r.completeness.mean, 0.15);
-    EXPECT_GT(r.completeness.p90, 0.5);
-    // The other way round the roles swap.
-    const MeshComparison swapped = compare(half, full);
-    EXPECT_GT(swapped.accuracy.mean, 0.15);
-    EXPECT_LT(swapped.completeness.p90, 1e-9);
 }
 
 TEST(MeshCompare, SamplesFollowFacetArea) {
@@ -95,58 +79,81 @@ TEST(MeshCompare, SamplesFollowFacetArea) {
     TriMesh test;
     test.vertices = {0.2f, 0.2f, 0, 1.2f, 0.2f, 0, 0.2f, 1.2f, 0, 0, 0, 1, 3, 0, 1, 0, 1, 1};
     test.facets = {0, 1, 2, 3, 4, 5};
-    test.num_v = 6;
-    test.num_f = 2;
+    test.num_v = 6, test.num_f = 2;
     const MeshComparison r = compare(grid(2, 4.0, 0.0), test, 100000);
     EXPECT_NEAR(r.accuracy.mean, 0.75, 0.01);
     EXPECT_NEAR(r.accuracy.median, 1.0, 1e-12);
 }
 
-TEST(MeshCompare, SameInputGivesTheSameNumbers) {
-    const TriMesh a = sphere(3, 1.0), b = sphere(2, 1.05);
-    const MeshComparison r1 = compare(a, b, 5000), r2 = compare(a, b, 5000);
-    EXPECT_TRUE(r1.accuracy.mean == r2.accuracy.mean && r1.completeness.median == r2.completeness.median);
-}
-
 TEST(MeshCompare, SummaryInterpolatesBetweenOrderStatistics) {
-    const DistanceStats s = summarise({7, 3, 10, 1, 5, 2, 9, 4, 8, 6});
+    const DistanceStats s = summarise({7, 3, 10, 1, 5, 2, 9, 4, 8, 6}), one = summarise({3.0});
     EXPECT_DOUBLE_EQ(s.mean, 5.5);
     EXPECT_DOUBLE_EQ(s.median, 5.5);
     EXPECT_DOUBLE_EQ(s.p90, 9.1);
-    const DistanceStats one = summarise({3.0});
-    EXPECT_EQ(one.median, 3.0);
-    EXPECT_EQ(one.p90, 3.0);
-    EXPECT_EQ(summarise({}).mean, 0.0);
+    EXPECT_TRUE(one.median == 3.0 && one.p90 == 3.0 && summarise({}).mean == 0.0);
 }
 
 TEST(MeshCompare, RefusesMeshesThatCannotBeMeasured) {
     const TriMesh good = grid(1, 1.0, 0.0);
     EXPECT_EQ(checkMesh(good), "");
-    TriMesh empty;
-    EXPECT_NE(checkMesh(empty), "");
-    TriMesh bad[4] = {good, good, good, good};
-    bad[0].facets[4] = good.num_v, bad[1].facets[4] = -1, bad[2].vertices[2] = std::nanf("");
-    for (size_t i = 0; i < good.vertices.size(); i += 3) bad[3].vertices[i] = 0.0f;  // all on one line
-    for (const TriMesh& m : bad) EXPECT_NE(checkMesh(m), "");
-
+    TriMesh bad[5] = {TriMesh(), good, good, good, good};
+    bad[1].facets[4] = good.num_v, bad[2].facets[4] = -1, bad[3].vertices[2] = std::nanf("");
+    for (size_t i = 0; i < good.vertices.size(); i += 3) bad[4].vertices[i] = 0.0f;  // all on one line
+    const char* messages[5] = {"has no facets", "has a facet index outside the vertices (facet 1)",
+                               "has a facet index outside the vertices (facet 1)",
+                               "has a coordinate that is not a finite number", "has no facet with a positive area"};
+    for (int i = 0; i < 5; ++i) EXPECT_EQ(checkMesh(bad[i]), messages[i]) << "case " << i;
     MeshComparison result;
-    std::string error;
-    EXPECT_FALSE(compareMeshes(good, empty, 100, result, error));
-    EXPECT_NE(error.find("test mesh"), std::string::npos);
+    std::string error;  // the command line refuses 0 samples before this
     EXPECT_FALSE(compareMeshes(good, good, 0, result, error));
+    EXPECT_EQ(error, "the number of samples must be at least 1");
 }
 
-TEST(MeshCompare, DegenerateFacetsAreIgnored) {
-    // A zero-area facet far away must neither be sampled nor count as
-    // surface.
-    TriMesh withSliver = grid(2, 1.0, 0.0);
-    withSliver.vertices.insert(withSliver.vertices.end(), {5, 5, 5, 6, 6, 6});
-    withSliver.facets.insert(withSliver.facets.end(), {withSliver.num_v, withSliver.num_v + 1, withSliver.num_v});
-    withSliver.num_v += 2;
-    withSliver.num_f += 1;
-    const MeshComparison r = compare(grid(2, 1.0, 0.0), withSliver);
-    EXPECT_LT(r.accuracy.mean, 1e-12);
-    EXPECT_LT(r.completeness.mean, 1e-12);
+// ------------------------------------------------------------ command line
+
+int runCompare(std::vector<std::string> args, std::string& out) {
+    args.insert(args.begin(), "tessaline_compare");
+    std::vector<char*> argv;
+    for (auto& a : args) argv.push_back(a.data());
+    testing::internal::CaptureStdout();
+    const int status = runCompareCommand(int(argv.size()), argv.data());
+    out = testing::internal::GetCapturedStdout();
+    return status;
+}
+
+TEST(CompareCommand, PrintsATableOrJsonAndRefusesBadInput) {
+    const fs::path dir = fs::temp_directory_path() / ("tessaline_compare_" + std::to_string(::getpid()));
+    fs::create_directories(dir);
+    const std::string unit = (dir / "unit.ply").string(), larger = (dir / "larger.ply").string(),
+                      points = (dir / "points.ply").string(), missing = (dir / "missing.ply").string();
+    TriMesh mesh = sphere(3, 1.0), noFacets = mesh;
+    noFacets.num_f = 0, noFacets.facets.clear();
+    testing::internal::CaptureStdout();
+    savePly(mesh, unit), savePly(noFacets, points), savePly(sphere(3, 1.02), larger);
+    testing::internal::GetCapturedStdout();
+
+    std::string out;
+    ASSERT_EQ(runCompare({unit, larger, "--samples", "2000"}, out), 0) << out;
+    for (const char* word : {"accuracy", "completeness", "2000 samples"}) EXPECT_NE(out.find(word), std::string::npos);
+    ASSERT_EQ(runCompare({unit, larger, "--samples", "2000", "--json"}, out), 0) << out;
+    const std::string json = out.substr(out.rfind("\n{") + 1);  // the last line
+    EXPECT_EQ(json.substr(json.size() - 2), "}\n") << out;
+    for (const char* key : {"\"accuracy_mean\": 0.0", "\"accuracy_median\": ", "\"accuracy_p90\": ",
+                            "\"accuracy_mean_rel\": ", "\"completeness_mean\": 0.0", "\"completeness_p90_rel\": ",
+                            "\"samples\": 2000", "\"diagonal\": "})
+        EXPECT_NE(json.find(key), std::string::npos) << key << " in " << json;
+
+    const std::vector<std::pair<std::vector<std::string>, std::string>> bad = {  // arguments, message
+        {{unit}, "TEST"}, {{unit, unit, "--samples", "0"}, "--samples"}, {{unit, unit, "--samples", "-5"}, "--samples"},
+        {{missing, unit}, "Error: cannot read the reference mesh " + missing + "\n"},
+        {{unit, missing}, "Error: cannot read the test mesh " + missing + "\n"},
+        {{unit, points}, "Error: the test mesh has no facets\n"}};
+    for (const auto& [args, message] : bad) {
+        const int status = runCompare(args, out);
+        EXPECT_EQ(status, args.size() == 2 ? 1 : 2) << out;
+        EXPECT_NE(out.find(message, out.find("Error: ")), std::string::npos) << out;  // on the error line
+    }
+    fs::remove_all(dir);
 }
 
 }  // namespace
