@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <tuple>
 #include <vector>
 
 #include <opencv2/imgcodecs.hpp>
@@ -22,72 +21,60 @@ namespace {
 
 namespace fs = std::filesystem;
 using planesweep_tool::Method;
-using planesweep_tool::SweepRange;
 
-// A camera at `centre` with R = I (looking along +z), f = 100.
-mycamera axisCamera(double x, double y, double z) {
-    mycamera c{};
-    const double R[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-    std::copy(R, R + 9, c.R);
-    c.t[0] = -x, c.t[1] = -y, c.t[2] = -z;
-    c.fx = c.fy = 100.0;
-    c.cx = 40.0, c.cy = 30.0;
-    updateIntrinsicMatrices(c);
-    updateProjectionMatrix(c);
-    return c;
+// The device-side camera as the program's own camera record.
+mycamera hostCamera(const mycamera_cuda& c) {
+    mycamera m{};
+    std::copy(c.R, c.R + 9, m.R);
+    std::copy(c.t, c.t + 3, m.t);
+    m.fx = c.fx, m.fy = c.fy, m.cx = c.cx, m.cy = c.cy;
+    updateIntrinsicMatrices(m);
+    updateProjectionMatrix(m);
+    return m;
 }
 
-TEST(SweepRange, CoversTheBoxFromItsNearestToItsFarthestPoint) {
-    const float box[6] = {-0.5f, -0.5f, 2.0f, 0.5f, 0.5f, 3.0f};
+TEST(SweepRange, CoversTheBoxFromItsNearestToItsFarthestPointOrSaysWhyNot) {
+    // The camera at the origin looks along +z. The box's nearest point is
+    // (0, 0, 2), its farthest a corner; a box around the camera stops short
+    // of its centre, at 5% of the farthest distance or depth.
+    const float box[6] = {-0.5f, -0.5f, 2.0f, 0.5f, 0.5f, 3.0f}, around[6] = {-1, -1, -1, 1, 1, 1},
+                behind[6] = {-0.5f, -0.5f, -3.0f, 0.5f, 0.5f, -2.0f}, point[6] = {0, 0, 0, 0, 0, 0};
     const double plane[4] = {0, 0, 1, -2.5};
-    // The box's nearest point is (0, 0, 2), its farthest a corner.
-    const std::vector<std::tuple<Method, double, double>> cases = {
-        {Method::InvDepth, 1.0 / std::sqrt(9.5), 0.5}, {Method::Homography, 2.0, 3.0}, {Method::Height, -0.5, 0.5}};
-    for (const auto& [method, first, last] : cases) {
-        SweepRange r;
+    struct Case { Method method; const float* box; double first, last; std::string why; };
+    const std::vector<Case> cases = {
+        {Method::InvDepth, box, 1.0 / std::sqrt(9.5), 0.5, ""}, {Method::Homography, box, 2.0, 3.0, ""},
+        {Method::Height, box, -0.5, 0.5, ""}, {Method::Homography, around, 0.05, 1.0, ""},
+        {Method::InvDepth, around, 1.0 / std::sqrt(3.0), 20.0 / std::sqrt(3.0), ""},
+        {Method::Homography, behind, -1, -11, "the bounding box lies behind the reference camera"},
+        {Method::InvDepth, point, -1, -11, "the bounding box is a point at the camera centre"}};  // range untouched
+    const double origin[3] = {0, 0, 0}, ahead[3] = {0, 0, 1}, up[3] = {0, -1, 0};
+    const mycamera cam = hostCamera(tessaline::test::lookAtCamera(origin, ahead, up, 100, 100, 40, 30));
+    for (const Case& c : cases) {
+        SCOPED_TRACE("case " + std::to_string(&c - cases.data()));
+        planesweep_tool::SweepRange r{-1, -1};
         std::string why;
-        ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(method, axisCamera(0, 0, 0), box, plane, 11, r, why));
-        EXPECT_NEAR(r.start, first, 1e-6);
-        EXPECT_NEAR(r.start + 10 * r.step, last, 1e-6);
+        EXPECT_EQ(planesweep_tool::rangeFromBoundingBox(c.method, cam, c.box, plane, 11, r, why), c.why.empty());
+        EXPECT_EQ(why, c.why);
+        EXPECT_NEAR(r.start, c.first, 1e-6);
+        EXPECT_NEAR(r.start + 10 * r.step, c.last, 1e-5);
     }
-}
-
-TEST(SweepRange, RefusesABoxBehindTheCameraAndStopsShortOfACentreInside) {
-    const float behind[6] = {-0.5f, -0.5f, -3.0f, 0.5f, 0.5f, -2.0f}, around[6] = {-1, -1, -1, 1, 1, 1};
-    const double plane[4] = {0, 0, 1, 0};
-    const mycamera cam = axisCamera(0, 0, 0);
-    SweepRange r;
-    std::string why;
-    EXPECT_FALSE(planesweep_tool::rangeFromBoundingBox(Method::Homography, cam, behind, plane, 5, r, why));
-    EXPECT_FALSE(why.empty());
-    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::InvDepth, cam, around, plane, 5, r, why));
-    EXPECT_TRUE(std::isfinite(r.start + 4 * r.step));
-    ASSERT_TRUE(planesweep_tool::rangeFromBoundingBox(Method::Homography, cam, around, plane, 5, r, why));
-    EXPECT_GT(r.start, 0.0f);  // no plane through the centre
 }
 
 TEST(HeightPlane, DefaultIsTheAxisDepthLessTheBoxCentre) {
-    mycamera cam = axisCamera(0.2, 0.1, -1.0);
+    const mycamera cam = hostCamera(tessaline::test::planeCamera(0.2, 0.1, -1.0, 100, 81, 61));
     const float box[6] = {-0.5f, -0.5f, 2.0f, 0.5f, 0.5f, 3.0f};
     double p[4];
     planesweep_tool::defaultHeightPlane(cam, box, p);
-    auto h = [&](double x, double y, double z) { return p[0] * x + p[1] * y + p[2] * z + p[3]; };
-    EXPECT_NEAR(h(0, 0, 2.5), 0.0, 1e-12);
-    EXPECT_NEAR(h(0.3, -0.2, 3.5), 1.0, 1e-12);
+    auto h = [&](const double X[3]) { return p[0] * X[0] + p[1] * X[1] + p[2] * X[2] + p[3]; };
+    const double centre[3] = {0, 0, 2.5}, step[3] = {cam.R[6], cam.R[7], cam.R[8]};  // one along the axis
+    const double ahead[3] = {centre[0] + step[0], centre[1] + step[1], centre[2] + step[2]};
+    EXPECT_NEAR(h(centre), 0.0, 1e-6);
+    EXPECT_NEAR(h(ahead), 1.0, 1e-6);
 }
 
 TEST(RelativeFrame, NeighboursSeeTheSamePointsInTheReferenceFrame) {
-    std::vector<mycamera> cams;
-    for (const mycamera_cuda& c : {tessaline::test::planeCamera(0.3, -0.2, -2.0, 100, 80, 60),
-                                   tessaline::test::planeCamera(-0.4, 0.1, -1.8, 90, 80, 60)}) {
-        mycamera m{};
-        std::copy(c.R, c.R + 9, m.R);
-        std::copy(c.t, c.t + 3, m.t);
-        m.fx = c.fx, m.fy = c.fy, m.cx = c.cx, m.cy = c.cy;
-        updateIntrinsicMatrices(m);
-        updateProjectionMatrix(m);
-        cams.push_back(m);
-    }
+    const std::vector<mycamera> cams = {hostCamera(tessaline::test::planeCamera(0.3, -0.2, -2.0, 100, 80, 60)),
+                                        hostCamera(tessaline::test::planeCamera(-0.4, 0.1, -1.8, 90, 80, 60))};
     const std::vector<mycamera> rel = planesweep_tool::relativeToFirst(cams);
     // The float rotations are orthonormal to about 1e-7.
     for (int k = 0; k < 9; ++k) EXPECT_NEAR(rel[0].R[k], k % 4 == 0 ? 1.0 : 0.0, 1e-6);
@@ -97,8 +84,7 @@ TEST(RelativeFrame, NeighboursSeeTheSamePointsInTheReferenceFrame) {
     for (int r = 0; r < 3; ++r)
         Xref[r] = cams[0].R[3 * r] * X[0] + cams[0].R[3 * r + 1] * X[1] + cams[0].R[3 * r + 2] * X[2] + cams[0].t[r];
     double u0, v0, u1, v1;
-    ASSERT_TRUE(projectPoint(cams[1], X, u0, v0));
-    ASSERT_TRUE(projectPoint(rel[1], Xref, u1, v1));
+    ASSERT_TRUE(projectPoint(cams[1], X, u0, v0) && projectPoint(rel[1], Xref, u1, v1));
     EXPECT_NEAR(u0, u1, 1e-5);
     EXPECT_NEAR(v0, v1, 1e-5);
 }
@@ -127,14 +113,13 @@ class PlaneSweepProgram : public ::testing::Test {
             const std::vector<uint8_t> img = tessaline::test::renderPlaneImage(cams[i], W, H);
             const fs::path png = dir / ("view" + std::to_string(i) + ".png");
             ASSERT_TRUE(cv::imwrite(png.string(), cv::Mat(H, W, CV_8UC1, const_cast<uint8_t*>(img.data()))));
-            const mycamera_cuda& c = cams[i];
             sfm << png.string();
-            for (float v : c.R) sfm << " " << v;
-            for (float v : c.t) sfm << " " << v;
-            sfm << " " << c.fx << " " << c.fy << " " << c.cx << " " << c.cy << "\n";
+            for (float v : cams[i].R) sfm << " " << v;
+            for (float v : cams[i].t) sfm << " " << v;
+            sfm << " " << cams[i].fx << " " << cams[i].fy << " " << cams[i].cx << " " << cams[i].cy << "\n";
         }
-        sfm << "-1 1 -1 1 -0.1 0.1\n";
-        sfm << "0 3 1 2 3\n1 2 0 2\n2 2 0 3\n3 2 0 2\n";
+        // Camera 1's only neighbour stands where it stands.
+        sfm << "-1 1 -1 1 -0.1 0.1\n0 3 1 2 3\n1 1 0\n2 2 0 3\n3 2 0 2\n";
     }
     void TearDown() override { fs::remove_all(dir); }
 
@@ -151,17 +136,13 @@ class PlaneSweepProgram : public ::testing::Test {
     std::string prefix() const { return (dir / "out").string(); }
 };
 
-TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlane) {
+TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlaneWithEverySweep) {
     std::string out;
     // Inverse distances 1/2.2 to 1/1.8: the depth image spans 1.8 to 2.2.
     const float start = 1.0f / 2.2f, step = (1.0f / 1.8f - start) / 40.0f;
     ASSERT_EQ(run({scene(), "0", prefix(), "--start", std::to_string(start), "--step", std::to_string(step),
-                   "--planes", "41"},
-                  out),
-              0)
-        << out;
+                   "--planes", "41"}, out), 0) << out;
     EXPECT_NE(out.find("skipping neighbour 1"), std::string::npos) << out;
-    EXPECT_NE(out.find("plane sweep time: "), std::string::npos);
     const cv::Mat depth = cv::imread(prefix() + "_depth.png", cv::IMREAD_UNCHANGED);
     const cv::Mat colour = cv::imread(prefix() + "_depth_color.png", cv::IMREAD_UNCHANGED);
     const cv::Mat score = cv::imread(prefix() + "_score.png", cv::IMREAD_UNCHANGED);
@@ -170,13 +151,10 @@ TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlane) {
     const double lo = 1.0 / double(start + 40 * step), hi = 1.0 / double(start);
     int good = 0, checked = 0;
     for (int y = 10; y < H - 10; ++y)
-        for (int x = 10; x < W - 10; ++x) {
+        for (int x = 10; x < W - 10; ++x, ++checked) {
             const int v = depth.at<uint16_t>(y, x);
-            ++checked;
-            if (v == 0) continue;
-            const double d = lo + (v - 1) / 65534.0 * (hi - lo);
-            const double truth = tessaline::test::planeDepth(cams[0], x, y);
-            if (std::fabs(d - truth) < 0.01 * truth) ++good;
+            const double d = lo + (v - 1) / 65534.0 * (hi - lo), truth = tessaline::test::planeDepth(cams[0], x, y);
+            good += v > 0 && std::fabs(d - truth) < 0.01 * truth;
             EXPECT_GT(score.at<uint8_t>(y, x), 191) << "a score of 0.5 or more";
         }
     EXPECT_GT(good, checked * 9 / 10);
@@ -184,33 +162,35 @@ TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlane) {
     int files = 0;
     for (const auto& e : fs::directory_iterator(dir)) files += e.path().string().rfind(prefix(), 0) == 0;
     EXPECT_EQ(files, 3);
-}
-
-TEST_F(PlaneSweepProgram, RunsTheOtherSweepsWithRangesFromTheBox) {
-    std::string out;
-    ASSERT_EQ(run({scene(), "0", prefix(), "--method", "homography", "--planes", "9", "--levels", "1"}, out), 0)
-        << out;
-    EXPECT_NE(out.find("sweep: homography, 9 planes"), std::string::npos) << out;
-    ASSERT_EQ(run({scene(), "0", prefix() + "h", "--method", "height", "--planes", "9", "--subsample", "2"}, out), 0)
-        << out;
-    EXPECT_EQ(cv::imread(prefix() + "h_depth.png", cv::IMREAD_UNCHANGED).size(), cv::Size(W / 2, H / 2));
+    // The other sweeps, with their ranges from the box and cells of 2 x 2 pixels.
+    for (const char* method : {"homography", "height"}) {
+        ASSERT_EQ(run({scene(), "0", prefix() + method, "--method", method, "--planes", "9", "--levels", "1",
+                       "--subsample", "2"}, out), 0) << out;
+        EXPECT_NE(out.find(std::string("sweep: ") + method + ", 9 planes"), std::string::npos) << out;
+        EXPECT_EQ(cv::imread(prefix() + method + "_depth.png", cv::IMREAD_UNCHANGED).size(), cv::Size(W / 2, H / 2));
+    }
 }
 
 TEST_F(PlaneSweepProgram, RefusesBadArgumentsWithAnErrorLine) {
-    const std::vector<std::vector<std::string>> bad = {
-        {scene(), "0", prefix(), "--method", "stereo"},
-        {scene(), "0", prefix(), "--planes", "2"},
-        {scene(), "0", prefix(), "--start", "0.5"},
-        {scene(), "0", prefix(), "--plane", "0", "0", "1", "0"},
-        {scene(), "0", prefix(), "--method", "height", "--plane", "0", "0", "0", "1"},
-        {scene(), "7", prefix()},
-        {scene(), "0", (dir / "missing" / "out").string()},
-        {(dir / "none.sfm").string(), "0", prefix()},
+    const std::string missing = (dir / "missing" / "out").string(), none = (dir / "none.sfm").string();
+    const std::vector<std::pair<std::vector<std::string>, std::string>> bad = {  // arguments, message
+        {{scene(), "0", prefix(), "--method", "stereo"}, "--method"},
+        {{scene(), "0", prefix(), "--planes", "2"}, "--planes"},
+        {{scene(), "0", prefix(), "--start", "0.5"}, "--step"},
+        {{scene(), "0", prefix(), "--start", "0.5", "--step", "0"},
+         "--start and --step must be finite and the step must not be 0"},
+        {{scene(), "0", prefix(), "--plane", "0", "0", "1", "0"}, "--plane belongs to the height sweep"},
+        {{scene(), "0", prefix(), "--method", "height", "--plane", "0", "0", "0", "1"},
+         "the plane's normal (a, b, c) must not be 0"},
+        {{scene(), "7", prefix()}, "the reference index 7 is not a camera of the scene (0 to 3)"},
+        {{scene(), "1", prefix()}, "camera 1 has no usable neighbour in the scene file"},
+        {{scene(), "0", missing}, "the output prefix " + missing + " does not name a file in a writable folder"},
+        {{none, "0", prefix()}, "the scene " + none + " could not be loaded"},
     };
-    for (const auto& args : bad) {
+    for (const auto& [args, message] : bad) {
         std::string out;
-        EXPECT_EQ(run(args, out), 1) << args[3 < args.size() ? 3 : 1];
-        EXPECT_NE(out.find("Error: "), std::string::npos) << out;
+        EXPECT_EQ(run(args, out), 1) << message;
+        EXPECT_NE(out.find(message, out.find("Error: ")), std::string::npos) << out;  // on the error line
     }
     EXPECT_FALSE(fs::exists(prefix() + "_depth.png"));
 }
