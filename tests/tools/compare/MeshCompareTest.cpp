@@ -30,7 +30,8 @@ TriMesh sphere(int level, double radius) {
 TriMesh grid(int n, double size, double z, std::vector<float> extraVertices = {}, std::vector<int32_t> extra = {}) {
     TriMesh mesh;
     for (int j = 0; j <= n; ++j)
-        for (int i = 0; i <= n; ++i) mesh.vertices.insert(mesh.vertices.end(), {float(size * i / n), float(size * j / n), float(z)});
+        for (int i = 0; i <= n; ++i)
+            mesh.vertices.insert(mesh.vertices.end(), {float(size * i / n), float(size * j / n), float(z)});
     for (int j = 0; j < n; ++j)
         for (int i = 0; i < n; ++i) {
             const int32_t a = j * (n + 1) + i, b = a + 1, c = a + n + 1, d = c + 1;
@@ -60,7 +61,7 @@ TEST(MeshCompare, KnownDistancesInEachDirectionAndTheSameNumbersOnEveryRun) {
     const std::vector<Case> cases = {
         {"scaled sphere", sphere(5, 1.0), sphere(5, 1.01), 0.01, 0.01, 2e-5, 2.0 * std::sqrt(3.0)},
         {"offset plane", grid(8, 1.0, 0.0), grid(5, 1.0, 0.125), 0.125, 0.125, 1e-12, std::sqrt(2.0)},
-        {"far sliver", grid(2, 1.0, 0.0), grid(2, 1.0, 0.0, {5, 5, 5, 6, 6, 6}, {9, 10, 9}), 0.0, 0.0, 1e-12, std::sqrt(2.0)},
+        {"far sliver", grid(2, 1, 0), grid(2, 1, 0, {5, 5, 5, 6, 6, 6}, {9, 10, 9}), 0, 0, 1e-12, std::sqrt(2.0)},
         {"quarter", grid(4, 1.0, 0.0), grid(2, 0.5, 0.0), 0.0, 0.2207, 3e-3, std::sqrt(2.0)}};
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
