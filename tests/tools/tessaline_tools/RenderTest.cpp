@@ -14,22 +14,13 @@ using namespace tools_test;
 
 namespace {
 
-TriMesh cube(bool flipped, double scale = 1.0) {
+// The cube, its facets turned inside out when `flipped`.
+TriMesh cube(bool flipped) {
     TempDir dir;
     writeText(dir / "c.ply", cubePly());
     MeshData m = readMeshFile((dir / "c.ply").string());
-    for (double& v : m.vertices) v *= scale;
-    if (flipped)
-        for (size_t f = 0; f < m.facets.size(); f += 3) std::swap(m.facets[f + 1], m.facets[f + 2]);
+    for (size_t f = 0; flipped && f < m.facets.size(); f += 3) std::swap(m.facets[f + 1], m.facets[f + 2]);
     return toTriMesh(m);
-}
-
-void writeCube(const fs::path& p, double scale) {
-    std::string s = cubePly();
-    if (scale != 1.0) {
-        for (size_t at = 0; (at = s.find("0.5", at)) != std::string::npos; at += 3) s.replace(at, 3, "0.6");
-    }
-    writeText(p, s);
 }
 
 // An imported ring scene to render from.
@@ -80,35 +71,10 @@ TEST(RenderMeshView, FrontFacesShowTheirFacetBackFacesAreMarkedEdgesAreDrawn) {
     EXPECT_EQ(cut.facet.at<int>(cy, 60), -1);
 }
 
-TEST(RenderCommand, DrawsPanelsAndAHeatMapWithItsBar) {
-    RenderFixture f;
-    ASSERT_EQ(f.render(), "");
-    cv::Mat img = cv::imread(f.options.outPath, cv::IMREAD_COLOR);
-    ASSERT_EQ(img.cols, 3 * 160);
-    ASSERT_EQ(img.rows, 120);
-    // The shaded panel: grey on black where the cube is.
-    const cv::Vec3b centre = img.at<cv::Vec3b>(60, 160 + 80);
-    EXPECT_GT(centre[0], 60);
-    EXPECT_EQ(centre[0], centre[2]);
-
-    writeCube(f.dir / "bigger.ply", 1.2);
-    f.options.comparePath = (f.dir / "bigger.ply").string();
-    f.options.camera = "1";
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(f.render(), "");
-    const std::string out = testing::internal::GetCapturedStdout();
-    img = cv::imread(f.options.outPath, cv::IMREAD_COLOR);
-    ASSERT_EQ(img.cols, 3 * 160 + 120);
-    // The cube faces lie 0.1 inside the bigger one: every distance is 0.1.
-    EXPECT_NE(out.find("median 0.1,"), std::string::npos) << out;
-    const cv::Vec3b heat = img.at<cv::Vec3b>(60, 320 + 80);
-    EXPECT_NE(heat[0], heat[2]);  // coloured, not grey
-}
-
-TEST(RenderCommand, RefusesBadRequestsAndWritesNothing) {
+TEST(RenderCommand, RefusesBadRequestsThenDrawsPanelsAndAHeatMapWithItsBar) {
     RenderFixture f;
     const std::vector<std::pair<std::function<void(RenderOptions&)>, std::string>> cases = {
-        {[](RenderOptions& o) { o.camera = "6"; }, "camera 6 is out of range"},
+        {[](RenderOptions& o) { o.camera = "6"; }, "camera 6 is out of range: the scene has cameras 0 to 5"},
         {[](RenderOptions& o) { o.camera = "nope.png"; }, "the scene has no camera nope.png"},
         {[&](RenderOptions& o) { o.outPath = (f.dir / "view.xyz").string(); }, "give a .png file"},
         {[&](RenderOptions& o) { o.outPath = (f.dir / "no" / "view.png").string(); }, "does not exist"},
@@ -125,6 +91,24 @@ TEST(RenderCommand, RefusesBadRequestsAndWritesNothing) {
         f.options = saved;
     }
     EXPECT_EQ(std::distance(fs::directory_iterator(f.dir.path()), {}), 4);  // model, images, cube.ply, out
+
+    ASSERT_EQ(f.render(), "");
+    cv::Mat img = cv::imread(f.options.outPath, cv::IMREAD_COLOR);
+    ASSERT_EQ(img.size(), cv::Size(3 * 160, 120));
+    const cv::Vec3b centre = img.at<cv::Vec3b>(60, 160 + 80);  // the shaded panel: grey where the cube is
+    EXPECT_TRUE(centre[0] > 60 && centre[0] == centre[2]);
+    writeText(f.dir / "bigger.ply", cubePly("0.6"));
+    f.options.comparePath = (f.dir / "bigger.ply").string();
+    f.options.camera = "1";
+    testing::internal::CaptureStdout();
+    ASSERT_EQ(f.render(), "");
+    const std::string out = testing::internal::GetCapturedStdout();
+    img = cv::imread(f.options.outPath, cv::IMREAD_COLOR);
+    ASSERT_EQ(img.cols, 3 * 160 + 120);
+    // The cube faces lie 0.1 inside the bigger one: every distance is 0.1.
+    EXPECT_NE(out.find("median 0.1,"), std::string::npos) << out;
+    const cv::Vec3b heat = img.at<cv::Vec3b>(60, 320 + 80);
+    EXPECT_NE(heat[0], heat[2]);  // coloured, not grey
 }
 
 TEST(ToolsCommandLine, HelpUsageErrorsAndExitStatus) {
@@ -132,7 +116,7 @@ TEST(ToolsCommandLine, HelpUsageErrorsAndExitStatus) {
     const std::string badImport = "import " + (dir / "m").string() + " " + dir.path().string() + " x.ply " +
                                   (dir / "out").string();
     const std::vector<std::tuple<std::string, int, std::string>> cases = {  // arguments, status, output
-        {"import --help", 0, "MODEL_DIR"}, {"import --help", 0, "--neighbours"}, {"render --help", 0, "--compare"},
+        {"import --help", 0, "--neighbours"}, {"render --help", 0, "--compare"},
         {"import only-one", 2, "Error: "}, {"", 2, "Error: "}, {badImport, 1, "Error: the model folder"}};
     for (const auto& [args, status, text] : cases) {
         std::string out;

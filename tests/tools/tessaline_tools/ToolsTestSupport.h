@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -29,13 +28,6 @@ namespace tools_test {
 namespace fs = std::filesystem;
 using namespace tessaline_tools;
 
-inline fs::path realDataDir() { return fs::path(TESSALINE_SOURCE_DIR) / ".." / "shared" / "data" / "templeSparseRing"; }
-inline std::string realModel(const char* sub) { return (realDataDir() / "colmap" / sub).string(); }
-
-#define SKIP_WITHOUT_REAL_DATA()                                                \
-    if (!fs::exists(realDataDir() / "colmap" / "sparse" / "0" / "images.bin")) \
-    GTEST_SKIP() << "real data not found under " << realDataDir()
-
 // The message of the ToolError that `f` throws, or "" when it succeeds.
 template <class F>
 std::string errorMessage(F&& f) {
@@ -47,27 +39,18 @@ std::string errorMessage(F&& f) {
     return "";
 }
 
-class TempDir {
-   public:
+struct TempDir {
+    fs::path dir;
     TempDir() {
         char name[] = "/tmp/tessaline_tools_test.XXXXXX";
-        path_ = mkdtemp(name);
+        dir = mkdtemp(name);
     }
     ~TempDir() {
         std::error_code ec;
-        fs::remove_all(path_, ec);
+        fs::remove_all(dir, ec);
     }
-    fs::path operator/(const std::string& s) const { return path_ / s; }
-    const fs::path& path() const { return path_; }
-
-   private:
-    fs::path path_;
-};
-
-struct ScopedCwd {
-    fs::path old = fs::current_path();
-    explicit ScopedCwd(const fs::path& p) { fs::current_path(p); }
-    ~ScopedCwd() { fs::current_path(old); }
+    fs::path operator/(const std::string& s) const { return dir / s; }
+    const fs::path& path() const { return dir; }
 };
 
 inline void writeText(const fs::path& p, const std::string& s) {
@@ -78,6 +61,24 @@ inline void writeText(const fs::path& p, const std::string& s) {
 inline std::string readText(const fs::path& p) {
     std::ifstream in(p, std::ios::binary);
     return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+inline void writeGreyImage(const fs::path& p, int w, int h) {
+    fs::create_directories(p.parent_path());
+    cv::Mat img(h, w, CV_8U);
+    cv::randu(img, 0, 255);
+    cv::imwrite(p.string(), img);
+}
+
+// A cube of side 2 * half centred on the origin, facets facing outwards, as
+// ASCII PLY with six quads.
+inline std::string cubePly(const std::string& half = "0.5") {
+    std::string corners;
+    for (int i : {0, 1, 3, 2, 4, 5, 7, 6})
+        for (int a = 0; a < 3; ++a) corners += ((i >> a) & 1 ? "" : "-") + half + (a < 2 ? " " : "\n");
+    return "ply\nformat ascii 1.0\nelement vertex 8\nproperty float x\nproperty float y\nproperty float z\n"
+           "element face 6\nproperty list uchar int vertex_indices\nend_header\n" + corners +
+           "4 0 3 2 1\n4 4 5 6 7\n4 0 1 5 4\n4 2 3 7 6\n4 1 2 6 5\n4 0 4 7 3\n";
 }
 
 // `n` photographs of 160x120 pixels around the origin, each turned by its own
@@ -113,8 +114,9 @@ inline RingScene makeRingScene(int n) {
 }
 
 // The COLMAP model of a ring scene, in COLMAP's conventions, with points on a
-// sphere of radius 0.5 seen by every camera that faces them.
-inline ColmapModel ringToColmap(const RingScene& s) {
+// sphere of radius 0.5 seen by every camera that faces them, except camera
+// `blind`, which has no keypoints.
+inline ColmapModel ringToColmap(const RingScene& s, size_t blind = size_t(-1)) {
     ColmapModel m;
     for (size_t i = 0; i < s.cameras.size(); ++i) {
         const mycamera& c = s.cameras[i];
@@ -136,7 +138,7 @@ inline ColmapModel ringToColmap(const RingScene& s) {
         for (size_t i = 0; i < s.cameras.size(); ++i) {
             double C[3], u, v;
             cameraCentre(s.cameras[i], C);
-            if ((C[0] * p.xyz[0] + C[1] * p.xyz[1] + C[2] * p.xyz[2]) <= 0) continue;  // faces away
+            if (i == blind || (C[0] * p.xyz[0] + C[1] * p.xyz[1] + C[2] * p.xyz[2]) <= 0) continue;  // faces away
             projectPoint(s.cameras[i], p.xyz, u, v);
             ColmapImage& im = m.images[i];
             p.track.push_back({im.id, uint32_t(im.points2D.size())});
@@ -157,10 +159,8 @@ inline void writeColmapText(const ColmapModel& m, const fs::path& dir) {
         cams << '\n';
     }
     for (const ColmapImage& im : m.images) {
-        ims << im.id;
-        for (double v : im.q) ims << ' ' << v;
-        for (double v : im.t) ims << ' ' << v;
-        ims << ' ' << im.cameraId << ' ' << im.name << '\n';
+        ims << im.id << ' ' << im.q[0] << ' ' << im.q[1] << ' ' << im.q[2] << ' ' << im.q[3] << ' ' << im.t[0] << ' '
+            << im.t[1] << ' ' << im.t[2] << ' ' << im.cameraId << ' ' << im.name << '\n';
         for (size_t k = 0; k < im.points2D.size(); ++k)
             ims << (k ? " " : "") << im.points2D[k].x << ' ' << im.points2D[k].y << ' ' << im.points2D[k].point3DId;
         ims << '\n';
@@ -178,54 +178,35 @@ inline void writeColmapText(const ColmapModel& m, const fs::path& dir) {
 // Little-endian records, as the binary model files hold them.
 struct Bytes {
     std::string s;
-    template <class T>
-    Bytes& put(T v) {
-        s.append(reinterpret_cast<const char*>(&v), sizeof v);
+    template <class... T>
+    Bytes& put(T... v) {
+        (s.append(reinterpret_cast<const char*>(&v), sizeof v), ...);
         return *this;
     }
 };
 
 inline void writeColmapBinary(const ColmapModel& m, const fs::path& dir) {
     Bytes cams, ims, pts;
-    cams.put<uint64_t>(m.cameras.size());
+    cams.put(uint64_t(m.cameras.size()));
     for (const auto& [id, c] : m.cameras) {
-        cams.put<int32_t>(int32_t(id)).put<int32_t>(c.modelId).put<uint64_t>(c.width).put<uint64_t>(c.height);
+        cams.put(int32_t(id), int32_t(c.modelId), c.width, c.height);
         for (double p : c.params) cams.put(p);
     }
-    ims.put<uint64_t>(m.images.size());
+    ims.put(uint64_t(m.images.size()));
     for (const ColmapImage& im : m.images) {
-        ims.put<uint32_t>(im.id);
-        for (double v : im.q) ims.put(v);
-        for (double v : im.t) ims.put(v);
-        ims.put<uint32_t>(im.cameraId).s += im.name + '\0';
-        ims.put<uint64_t>(im.points2D.size());
-        for (const auto& ob : im.points2D) ims.put(ob.x).put(ob.y).put<int64_t>(ob.point3DId);
+        ims.put(im.id, im.q[0], im.q[1], im.q[2], im.q[3], im.t[0], im.t[1], im.t[2], im.cameraId).s += im.name + '\0';
+        ims.put(uint64_t(im.points2D.size()));
+        for (const auto& ob : im.points2D) ims.put(ob.x, ob.y, ob.point3DId);
     }
-    pts.put<uint64_t>(m.points.size());
+    pts.put(uint64_t(m.points.size()));
     for (const ColmapPoint3D& p : m.points) {
-        pts.put<uint64_t>(p.id).put(p.xyz[0]).put(p.xyz[1]).put(p.xyz[2]);
-        pts.put<uint8_t>(1).put<uint8_t>(2).put<uint8_t>(3).put(p.error).put<uint64_t>(p.track.size());
-        for (const auto& el : p.track) pts.put<uint32_t>(el.imageId).put<uint32_t>(el.point2DIdx);
+        pts.put(p.id, p.xyz[0], p.xyz[1], p.xyz[2], uint8_t(1), uint8_t(2), uint8_t(3), p.error);
+        pts.put(uint64_t(p.track.size()));
+        for (const auto& el : p.track) pts.put(el.imageId, el.point2DIdx);
     }
     writeText(dir / "cameras.bin", cams.s);
     writeText(dir / "images.bin", ims.s);
     writeText(dir / "points3D.bin", pts.s);
-}
-
-inline void writeGreyImage(const fs::path& p, int w, int h) {
-    fs::create_directories(p.parent_path());
-    cv::Mat img(h, w, CV_8U);
-    cv::randu(img, 0, 255);
-    cv::imwrite(p.string(), img);
-}
-
-// A cube of side 1 centred on the origin, facets facing outwards, as ASCII PLY.
-inline std::string cubePly() {
-    return "ply\nformat ascii 1.0\nelement vertex 8\nproperty float x\nproperty float y\nproperty float z\n"
-           "element face 6\nproperty list uchar int vertex_indices\nend_header\n"
-           "-0.5 -0.5 -0.5\n0.5 -0.5 -0.5\n0.5 0.5 -0.5\n-0.5 0.5 -0.5\n"
-           "-0.5 -0.5 0.5\n0.5 -0.5 0.5\n0.5 0.5 0.5\n-0.5 0.5 0.5\n"
-           "4 0 3 2 1\n4 4 5 6 7\n4 0 1 5 4\n4 2 3 7 6\n4 1 2 6 5\n4 0 4 7 3\n";
 }
 
 // A complete import input: a ring model, its photographs and the cube, under
