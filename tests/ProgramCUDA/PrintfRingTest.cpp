@@ -3,6 +3,8 @@
 // length limit of a format behind four arguments.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -18,39 +20,27 @@
 namespace {
 
 using tessaline::test::OnEachBackend;
+using tessaline::test::printedBy;
 
 constexpr int kValues = 70704;
 
-// Runs cuPrintfDisplay into a temporary file and returns its status and text.
+// What cuPrintfDisplay shows, and its status.
 struct Shown {
     int status;
     std::string text;
 };
 
 Shown display(bool showThreadIds) {
-    FILE* f = std::tmpfile();
-    Shown s{cuPrintfDisplay(f, showThreadIds), ""};
-    std::fflush(f);
-    std::rewind(f);
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, f)) > 0) s.text.append(buf, n);
-    std::fclose(f);
+    Shown s{0, ""};
+    s.text = printedBy([&] { s.status = cuPrintfDisplay(stdout, showThreadIds); });
     return s;
 }
 
-std::vector<std::string> lines(const std::string& text) {
-    std::vector<std::string> out;
-    std::istringstream in(text);
-    for (std::string l; std::getline(in, l);) out.push_back(l);
-    return out;
-}
+size_t lines(const std::string& text) { return size_t(std::count(text.begin(), text.end(), '\n')); }
 
 std::vector<float> gradient(float a, float b, float c) {
     std::vector<float> v(kValues, 0.0f);
-    v[70701] = a;
-    v[70702] = b;
-    v[70703] = c;
+    v[70701] = a, v[70702] = b, v[70703] = c;
     return v;
 }
 
@@ -81,22 +71,19 @@ TEST_P(PrintfRing, CheckFuncRecordHasTheRecordLayout) {
     EXPECT_EQ(at<uint32_t>(ring, 4), 0u);  // blockId, threadId
     for (size_t c : {8, 24, 40, 56}) EXPECT_EQ(at<int32_t>(ring, c), 4) << "size of cell at " << c;
     EXPECT_EQ(at<int32_t>(ring, 16), 7);
-    EXPECT_EQ(at<float>(ring, 32), 1.5f);
-    EXPECT_EQ(at<float>(ring, 48), -2.25f);
-    EXPECT_EQ(at<float>(ring, 64), 0.125f);
+    for (auto [c, v] : {std::pair{32, 1.5f}, {48, -2.25f}, {64, 0.125f}}) EXPECT_EQ(at<float>(ring, c), v) << c;
     EXPECT_EQ(at<uint32_t>(ring, 72), 32u);  // 28 characters, the zero, 3 bytes of padding
     const char text[] = "Call %d GRAD_PHOTO %f %f %f\n";
     ASSERT_EQ(sizeof text, 29u);
     EXPECT_EQ(std::memcmp(ring.data() + 80, text, sizeof text), 0);
-    for (size_t i = 80 + sizeof text; i < 256; ++i) EXPECT_EQ(ring[i], 0) << "byte " << i;
-    for (size_t i = 256; i < 512; ++i) ASSERT_EQ(ring[i], 0) << "second slot byte " << i;
+    for (size_t i = 80 + sizeof text; i < ring.size(); ++i) ASSERT_EQ(ring[i], 0) << "byte " << i;  // and slot 2
 
     const Shown s = display(true);
     EXPECT_EQ(s.status, 0);
     EXPECT_EQ(s.text, "[0, 0]: Call 7 GRAD_PHOTO 1.500000 -2.250000 0.125000\n");
     // The display clears the ring.
     ASSERT_EQ(cuPrintfCopyRing(ring.data(), ring.size()), 0);
-    for (size_t i = 0; i < ring.size(); ++i) ASSERT_EQ(ring[i], 0) << "byte " << i;
+    EXPECT_EQ(ring, std::vector<uint8_t>(ring.size(), 0));
 }
 
 TEST_P(PrintfRing, EveryThreadGetsItsOwnSlot) {
@@ -104,86 +91,50 @@ TEST_P(PrintfRing, EveryThreadGetsItsOwnSlot) {
     const std::vector<float> g = gradient(0.5f, 0.25f, -1.0f);
     const int n = 1300;  // three blocks of 512
     CHECK_FUNC_CUDA(g.data(), kValues, n, 2);
-    const Shown s = display(true);
-    const std::vector<std::string> l = lines(s.text);
-    ASSERT_EQ(int(l.size()), n);
+    std::istringstream shown(display(true).text);
     std::set<int> ids;
-    for (const std::string& line : l) {
+    for (std::string line; std::getline(shown, line);) {
         int block = -1, thread = -1;
         char rest[128] = {0};
         ASSERT_EQ(std::sscanf(line.c_str(), "[%d, %d]: %127[^\n]", &block, &thread, rest), 3) << line;
         EXPECT_STREQ(rest, "Call 2 GRAD_PHOTO 0.500000 0.250000 -1.000000");
-        ids.insert(block * 512 + thread);
+        EXPECT_TRUE(ids.insert(block * 512 + thread).second) << line;
     }
     EXPECT_EQ(int(ids.size()), n);
     EXPECT_EQ(*ids.rbegin(), n - 1);
 }
 
-TEST_P(PrintfRing, RingLengthsRoundUpToWholeSlots) {
+// Lengths round up to whole slots of 256 bytes, at least one. A ring filled
+// exactly has its cursor back at the start and shows every record; an
+// overrun one shows as many as it holds.
+TEST_P(PrintfRing, RingHoldsWholeSlots) {
     const std::vector<float> g = gradient(1, 2, 3);
-    // 0 bytes give one slot: of two records only one is left.
-    ASSERT_EQ(cuPrintfInit(0), 0);
-    CHECK_FUNC_CUDA(g.data(), kValues, 2, 0);
-    EXPECT_EQ(lines(display(false).text).size(), 1u);
-    // 257 bytes give two slots.
-    ASSERT_EQ(cuPrintfInit(257), 0);
-    CHECK_FUNC_CUDA(g.data(), kValues, 3, 0);
-    EXPECT_EQ(lines(display(false).text).size(), 2u);
+    for (auto [bytes, printed, shown] : {std::array{0, 2, 1}, {257, 3, 2}, {1024, 4, 4}, {1024, 6, 4}}) {
+        ASSERT_EQ(cuPrintfInit(size_t(bytes)), 0);
+        CHECK_FUNC_CUDA(g.data(), kValues, printed, 1);
+        EXPECT_EQ(lines(display(false).text), size_t(shown)) << bytes << " bytes, " << printed << " records";
+    }
 }
 
-TEST_P(PrintfRing, FullRingShowsEveryRecordAndWrappedRingTheNewest) {
-    const std::vector<float> g = gradient(1, 2, 3);
-    ASSERT_EQ(cuPrintfInit(4 * 256), 0);
-    CHECK_FUNC_CUDA(g.data(), kValues, 4, 1);  // exactly full: the cursor is back at the start
-    EXPECT_EQ(lines(display(false).text).size(), 4u);
-
-    ASSERT_EQ(cuPrintfInit(4 * 256), 0);
-    CHECK_FUNC_CUDA(g.data(), kValues, 6, 1);  // two records overwritten
-    EXPECT_EQ(lines(display(true).text).size(), 4u);
-}
-
-TEST_P(PrintfRing, EmptyAndRepeatedDisplaysPrintNothing) {
+TEST_P(PrintfRing, EmptyAndRepeatedDisplaysAndRefusedCallsPrintNothing) {
     EXPECT_EQ(display(true).status, 1);  // no ring armed
     ASSERT_EQ(cuPrintfInit(1048576), 0);
-    Shown s = display(true);
-    EXPECT_EQ(s.status, 0);
-    EXPECT_EQ(s.text, "");
+    EXPECT_EQ(display(true).text, "");
     const std::vector<float> g = gradient(1, 2, 3);
+    // One value short of vertex 23567: refused before any launch.
+    const std::string out = printedBy([&] { CHECK_FUNC_CUDA(g.data(), kValues - 1, 1, 0); });
+    EXPECT_TRUE(tessaline::test::isRefusal(out, "CHECK_FUNC_CUDA")) << out;
+    const Shown none = display(true);
+    EXPECT_EQ(none.status, 0);
+    EXPECT_EQ(none.text, "");
     CHECK_FUNC_CUDA(g.data(), kValues, 3, 9);
-    EXPECT_EQ(lines(display(false).text).size(), 3u);
+    EXPECT_EQ(lines(display(false).text), 3u);
     // The cursor stays where it was, and the first slot, which the display
     // tests, stays empty until the cursor comes round again.
     CHECK_FUNC_CUDA(g.data(), kValues, 3, 9);
-    s = display(false);
-    EXPECT_EQ(s.status, 0);
-    EXPECT_EQ(s.text, "");
+    EXPECT_EQ(display(false).text, "");
     cuPrintfEnd();
     EXPECT_EQ(display(true).status, 1);
-}
-
-TEST_P(PrintfRing, WrappersLeaveTheRingClosedAndPrintNoRecords) {
-    // A plane sweep opens, shows and closes the ring: nothing but its own
-    // progress lines appears, and no ring is armed afterwards.
-    const int w = 8, h = 8;
-    std::vector<uint8_t> stack(size_t(w) * h * 2, 100);
-    const double c0[3] = {0, 0, -2}, c1[3] = {0.1, 0, -2}, target[3] = {0, 0, 0}, up[3] = {0, -1, 0};
-    const mycamera_cuda cams[2] = {tessaline::test::lookAtCamera(c0, target, up, 10, 10, 4, 4),
-                                   tessaline::test::lookAtCamera(c1, target, up, 10, 10, 4, 4)};
-    std::vector<float> depth(w * h), score(w * h);
-    testing::internal::CaptureStdout();
-    PlaneSweep_InvDepth_CUDA(1, w, h, stack.data(), cams, w, h, 1, depth.data(), score.data(), 0.4f, 0.01f, 4);
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out, "run kernel...\nthreads per block: 32 32\nnumber of blocks: 1 1\ncopy back data...\n");
-    EXPECT_EQ(display(true).status, 1);
-}
-
-TEST_P(PrintfRing, CheckFuncRefusesAShortArray) {
-    ASSERT_EQ(cuPrintfInit(1048576), 0);
-    std::vector<float> g(kValues - 1, 0.0f);
-    testing::internal::CaptureStdout();
-    CHECK_FUNC_CUDA(g.data(), kValues - 1, 1, 0);
-    EXPECT_EQ(testing::internal::GetCapturedStdout().rfind("Error: ", 0), 0u);
-    EXPECT_EQ(display(true).text, "");
 }
 
 TESSALINE_INSTANTIATE_ON_BACKENDS(PrintfRing);
@@ -256,13 +207,10 @@ TEST(PrintfFormat, CorruptArgumentSizeStopsTheRecord) {
     ASSERT_GT(tessaline::printfring::writeRecord(slot, 0, 0, "a=%d b=%d\n", 1, 2), 0);
     const int corrupt = 300;
     std::memcpy(slot + 24, &corrupt, sizeof corrupt);
-    FILE* f = std::tmpfile();
-    EXPECT_FALSE(tessaline::printfring::formatPrintfRecord(f, slot, 40));
-    std::rewind(f);
-    char buf[256] = {0};
-    EXPECT_GT(std::fread(buf, 1, sizeof buf - 1, f), 0u);
-    std::fclose(f);
-    EXPECT_STREQ(buf, "a=1 b=Corrupt printf buffer data - aborting\n");
+    bool complete = true;
+    const std::string out = printedBy([&] { complete = tessaline::printfring::formatPrintfRecord(stdout, slot, 40); });
+    EXPECT_FALSE(complete);
+    EXPECT_EQ(out, "a=1 b=Corrupt printf buffer data - aborting\n");
 }
 
 }  // namespace

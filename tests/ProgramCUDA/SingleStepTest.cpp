@@ -1,11 +1,14 @@
 // The single-step wrappers against the integrated kernels they mirror: the
 // per-pair warp, the per-pair gradient with its wider cosine limit and its
-// accumulation across calls, the masked descent and the smoothness fairing.
+// accumulation across calls, the masked descent and the smoothness fairing,
+// and their refusals.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
-#include <limits>
+#include <functional>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -19,33 +22,18 @@ namespace {
 
 using tessaline::test::OnEachBackend;
 using tessaline::test::PlaneScene;
+using tessaline::test::printedBy;
 
 constexpr int W = PlaneScene::W, H = PlaneScene::H;
 constexpr size_t kPixels = size_t(W) * H;
 
-struct Render {
-    std::vector<float> depth, b, c;
-    std::vector<int> facet;
-};
-
-Render render(const PlaneScene& s, int camera) {
-    Render r;
-    r.depth.assign(kPixels, tessaline::kDepthClear);
-    r.facet.assign(kPixels, -1);
-    r.b.assign(kPixels, 0.0f);
-    r.c.assign(kPixels, 0.0f);
-    TriMesh_Image_ZBuffering_CUDA(s.mesh.numV(), s.mesh.vertices.data(), s.mesh.numF(), s.mesh.facets.data(),
-                                  s.cameras[camera], 0, 0, W, H, r.depth.data(), r.facet.data(), r.b.data(),
-                                  r.c.data());
-    return r;
+tessaline::test::ZRender render(const PlaneScene& s, int camera) {
+    return tessaline::test::zbuffer(s.mesh.vertices, s.mesh.facets, s.cameras[camera], W, H);
 }
 
 tessaline::LayeredTexture stackTexture(const PlaneScene& s) {
     tessaline::LayeredTexture tex;
-    tex.data = s.images.data();
-    tex.width = W;
-    tex.height = H;
-    tex.layers = int(s.cameras.size());
+    tex.data = s.images.data(), tex.width = W, tex.height = H, tex.layers = int(s.cameras.size());
     return tex;
 }
 
@@ -54,7 +42,7 @@ const uint8_t* image(const PlaneScene& s, int camera) { return s.images.data() +
 // The inputs of one pair's gradient accumulation, camera 0 against camera 1.
 struct PairGradientInputs {
     PlaneScene scene{2, 0.0};
-    Render ref = render(scene, 0), tar = render(scene, 1);
+    tessaline::test::ZRender ref = render(scene, 0), tar = render(scene, 1);
     std::vector<float> normals, ncc;
     std::vector<uint8_t> mask;
 
@@ -91,7 +79,7 @@ class SingleStep : public OnEachBackend {};
 
 TEST_P(SingleStep, PerPairWarpEqualsTheIntegratedWarp) {
     const PlaneScene s(2, 0.0);
-    const Render r0 = render(s, 0), r1 = render(s, 1);
+    const tessaline::test::ZRender r0 = render(s, 0), r1 = render(s, 1);
     std::vector<float> pair(kPixels, 7.0f), integrated(kPixels, 7.0f);
     Perspective_Image_Model_Image_Warp_CUDA(s.cameras[0], r0.depth.data(), r0.facet.data(), s.cameras[1],
                                             r1.depth.data(), r1.facet.data(), image(s, 1), W, H, pair.data());
@@ -108,6 +96,8 @@ TEST_P(SingleStep, PerPairWarpEqualsTheIntegratedWarp) {
     EXPECT_GT(valued, kPixels / 4);
 }
 
+// The integrated kernel ends a pixel at a cosine above -0.1, the per-pair
+// one only above -0.01.
 TEST_P(SingleStep, PerPairGradientTakesPixelsUpToACosineOfMinusOneHundredth) {
     PairGradientInputs in;
     // One pixel in the middle of the reference, and every facet's normal at
@@ -120,144 +110,106 @@ TEST_P(SingleStep, PerPairGradientTakesPixelsUpToACosineOfMinusOneHundredth) {
     tessaline::viewingRayF(in.scene.cameras[0], x, y, r);
     const float q[3] = {r[2], 0.0f, -r[0]};  // perpendicular to r
     const float ql = std::sqrt(q[0] * q[0] + q[2] * q[2]);
-    auto hitsAt = [&](double cosine, bool perPair) {
+    for (auto [cosine, hits] : {std::pair{-0.5, 3.0f}, {-0.05, 3.0f}, {-0.005, 0.0f}}) {
         const double sine = std::sqrt(1.0 - cosine * cosine);
         for (size_t f = 0; f < in.normals.size(); f += 3)
             for (int k = 0; k < 3; ++k) in.normals[f + k] = float(cosine * r[k] + sine * q[k] / ql);
-        std::vector<float> grad(3 * size_t(in.scene.mesh.numV()), 0.0f), hits(in.scene.mesh.numV(), 0.0f);
-        if (perPair)
-            in.addOnDevice(grad, hits);
-        else
-            in.addIntegrated(grad, hits);
-        float total = 0.0f;
-        for (float h : hits) total += h;
-        return total;
-    };
-    EXPECT_EQ(hitsAt(-0.5, true), 3.0f);  // the pixel reaches its facet's three vertices
-    EXPECT_EQ(hitsAt(-0.5, false), 3.0f);
-    EXPECT_EQ(hitsAt(-0.05, true), 3.0f);  // between the limits: the per-pair kernel alone
-    EXPECT_EQ(hitsAt(-0.05, false), 0.0f);
-    EXPECT_EQ(hitsAt(-0.005, true), 0.0f);
-    EXPECT_EQ(hitsAt(-0.005, false), 0.0f);
+        std::vector<float> grad(3 * size_t(in.scene.mesh.numV()), 0.0f), vertexHits(in.scene.mesh.numV(), 0.0f);
+        in.addOnDevice(grad, vertexHits);
+        // The pixel reaches its facet's three vertices, or none.
+        EXPECT_EQ(std::accumulate(vertexHits.begin(), vertexHits.end(), 0.0f), hits) << "cosine " << cosine;
+    }
 }
 
-TEST_P(SingleStep, PerPairGradientAddsToWhatEarlierCallsLeft) {
+TEST_P(SingleStep, PerPairGradientEqualsTheIntegratedOneAndAddsToEarlierSums) {
     const PairGradientInputs in;
     const int nv = in.scene.mesh.numV();
+    std::vector<float> once(3 * size_t(nv), 0.0f), onceHits(nv, 0.0f);
+    in.addIntegrated(once, onceHits);
     std::vector<float> grad(3 * size_t(nv), 0.25f), hits(nv, 2.0f);
     in.addOnDevice(grad, hits);
-    const std::vector<float> grad1 = grad, hits1 = hits;
     in.addOnDevice(grad, hits);
+    float largest = 0.0f;
+    for (float g : once) largest = std::max(largest, std::fabs(g));
+    EXPECT_GT(largest, 1e-3f);
     int reached = 0;
     for (int v = 0; v < nv; ++v) {
-        // Pixel counts are whole numbers: exact in float.
-        EXPECT_EQ(hits[v], 2.0f + 2.0f * (hits1[v] - 2.0f)) << "vertex " << v;
-        reached += hits1[v] > 2.0f;
-        for (int k = 0; k < 3; ++k) {
-            const float once = grad1[3 * v + k] - 0.25f;
-            // Atomic additions in no fixed order: equal up to rounding.
-            EXPECT_NEAR(grad[3 * v + k], 0.25f + 2.0f * once, 1e-4f * (1.0f + std::fabs(once)));
-        }
+        EXPECT_EQ(hits[v], 2.0f + 2.0f * onceHits[v]) << "vertex " << v;  // whole numbers: exact in float
+        reached += onceHits[v] > 0.0f;
+        // Atomic additions in no fixed order: equal up to rounding.
+        for (int k = 0; k < 3; ++k)
+            EXPECT_NEAR(grad[3 * v + k], 0.25f + 2.0f * once[3 * v + k], 1e-3f * largest) << "vertex " << v;
     }
     EXPECT_GT(reached, nv / 2);
 }
 
-// Runs the smoothness descent on the scene's rings and returns what it printed.
-std::string descend(const PlaneScene& s, float* vertices, const uint8_t* mask, int iterations) {
-    testing::internal::CaptureStdout();
+// The smoothness descent on the scene's rings.
+void descend(const PlaneScene& s, float* vertices, const uint8_t* mask, int iterations) {
     Smoothness_GradientDescent_CUDA(s.mesh.numV(), vertices, s.mesh.numF(), s.mesh.facets.data(),
                                     int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
                                     s.rings.offsets.data(), mask, iterations);
-    return testing::internal::GetCapturedStdout();
 }
 
-TEST_P(SingleStep, SmoothnessDescentWithoutIterationsLeavesTheMeshAndReportsMemory) {
-    PlaneScene s(0, 0.0, 0.05f);
-    const std::vector<float> before = s.mesh.vertices;
-    const std::string out = descend(s, s.mesh.vertices.data(), nullptr, 0);
-    EXPECT_EQ(s.mesh.vertices, before);
+void smoothnessGradient(const PlaneScene& s, const float* vertices, float* gradient) {
+    ComputeSmoothnessGradient_CUDA(s.mesh.numV(), vertices, s.mesh.numF(), s.mesh.facets.data(),
+                                   int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
+                                   s.rings.offsets.data(), gradient);
+}
+
+// Each step of the descent moves a vertex by minus its smoothness gradient
+// (step 1), unless its mask byte is 0; a null mask moves them all.
+TEST_P(SingleStep, DescentStepsByMinusTheSmoothnessGradientWhereTheMaskAllows) {
+    const PlaneScene s(0, 0.0, 0.05f);
+    const std::vector<float>& v0 = s.mesh.vertices;
+    std::vector<float> g0(v0.size()), g1(v0.size()), v1(v0.size()), masked = v0;
+    smoothnessGradient(s, v0.data(), g0.data());
+    float largest = 0.0f;
+    for (size_t i = 0; i < v0.size(); ++i) v1[i] = v0[i] - g0[i], largest = std::max(largest, std::fabs(g0[i]));
+    EXPECT_GT(largest, 1e-3f);  // the bumps give the gradient something to do
+    smoothnessGradient(s, v1.data(), g1.data());
+    std::vector<uint8_t> mask(s.mesh.numV(), 1);
+    for (size_t v = 0; v < mask.size(); v += 3) mask[v] = 0;
+    std::vector<float> twice = v0;
+    const std::string out = printedBy([&] { descend(s, twice.data(), nullptr, 2); });
+    descend(s, masked.data(), mask.data(), 1);
+    for (size_t i = 0; i < v0.size(); ++i) {
+        ASSERT_EQ(twice[i], v1[i] - g1[i]) << "two steps, coordinate " << i;
+        ASSERT_EQ(masked[i], mask[i / 3] ? v1[i] : v0[i]) << "masked step, coordinate " << i;
+    }
     size_t last = 0;
     for (const char* step : {"Before allocating", "After allocating", "After free"}) {
-        const size_t at = out.find(std::string(step) + ": device memory aviable: ");
-        ASSERT_NE(at, std::string::npos) << step << "\n" << out;
-        EXPECT_GE(at, last) << step;
-        last = at;
+        last = out.find(std::string(step) + ": device memory aviable: ", last);
+        ASSERT_NE(last, std::string::npos) << step << "\n" << out;
     }
-    EXPECT_NE(out.find("MB  Total: "), std::string::npos);
+    EXPECT_NE(out.find("MB  Total: "), std::string::npos) << out;
 }
 
-TEST_P(SingleStep, OneDescentStepMovesEachVertexByMinusItsSmoothnessGradient) {
-    PlaneScene s(0, 0.0, 0.05f);
+TEST_P(SingleStep, BadArgumentsAreRefusedWithoutTouchingTheOutputs) {
+    PairGradientInputs in;
+    PlaneScene& s = in.scene;
     const int nv = s.mesh.numV();
-    std::vector<float> gradient(3 * size_t(nv), 0.0f);
-    ComputeSmoothnessGradient_CUDA(nv, s.mesh.vertices.data(), s.mesh.numF(), s.mesh.facets.data(),
-                                   int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
-                                   s.rings.offsets.data(), gradient.data());
-    std::vector<float> moved = s.mesh.vertices;
-    descend(s, moved.data(), nullptr, 1);
-    float largest = 0.0f;
-    for (size_t i = 0; i < moved.size(); ++i) {
-        ASSERT_EQ(moved[i], s.mesh.vertices[i] - gradient[i]) << i;
-        largest = std::max(largest, std::fabs(gradient[i]));
+    s.mesh.facets[4] = nv;  // a facet outside the mesh
+    std::vector<float> out(3 * kPixels, 5.0f), hits(nv, 5.0f), vertices = s.mesh.vertices;
+    const struct {
+        const char* wrapper;
+        std::function<void()> call;
+    } cases[] = {{"ComputeSmoothnessGradient_CUDA", [&] { smoothnessGradient(s, vertices.data(), out.data()); }},
+                 {"Smoothness_GradientDescent_CUDA", [&] { descend(s, vertices.data(), nullptr, 1); }},
+                 {"AddPhotometricGradient_ImagePair_CUDA", [&] { in.addOnDevice(out, hits); }},
+                 {"Perspective_Image_Model_Image_Warp_CUDA", [&] {
+                      Perspective_Image_Model_Image_Warp_CUDA(s.cameras[0], nullptr, in.ref.facet.data(), s.cameras[1],
+                                                              in.tar.depth.data(), nullptr, image(s, 1), W, H,
+                                                              out.data());
+                  }}};
+    for (const auto& c : cases) {
+        const std::string printed = printedBy(c.call);
+        EXPECT_TRUE(tessaline::test::isRefusal(printed, c.wrapper)) << printed;
+        ASSERT_EQ(out, std::vector<float>(out.size(), 5.0f)) << c.wrapper;
+        ASSERT_EQ(hits, std::vector<float>(hits.size(), 5.0f)) << c.wrapper;
+        ASSERT_EQ(vertices, s.mesh.vertices) << c.wrapper;
     }
-    EXPECT_GT(largest, 1e-3f);  // the bumps give the gradient something to do
-}
-
-TEST_P(SingleStep, SmoothnessDescentHoldsMaskedVerticesAndMovesTheRest) {
-    PlaneScene s(0, 0.0, 0.05f);
-    const int nv = s.mesh.numV();
-    std::vector<uint8_t> mask(nv, 1);
-    for (int v = 0; v < nv; v += 3) mask[v] = 0;
-    const std::vector<float> before = s.mesh.vertices;
-    descend(s, s.mesh.vertices.data(), mask.data(), 5);
-    int moved = 0;
-    for (int v = 0; v < nv; ++v)
-        for (int k = 0; k < 3; ++k) {
-            if (mask[v] == 0)
-                ASSERT_EQ(s.mesh.vertices[3 * v + k], before[3 * v + k]) << "vertex " << v;
-            else
-                moved += s.mesh.vertices[3 * v + k] != before[3 * v + k];
-        }
-    EXPECT_GT(moved, nv);
-}
-
-TEST_P(SingleStep, RefusesAFacetOutsideTheMesh) {
-    PlaneScene s(0, 0.0);
-    std::vector<int> facets = s.mesh.facets;
-    facets[4] = s.mesh.numV();
-    std::vector<float> gradient(3 * size_t(s.mesh.numV()), 5.0f);
-    testing::internal::CaptureStdout();
-    ComputeSmoothnessGradient_CUDA(s.mesh.numV(), s.mesh.vertices.data(), s.mesh.numF(), facets.data(),
-                                   int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
-                                   s.rings.offsets.data(), gradient.data());
-    const std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_EQ(out.rfind("Error: ComputeSmoothnessGradient_CUDA: ", 0), 0u) << out;
-    for (float g : gradient) ASSERT_EQ(g, 5.0f);
 }
 
 TESSALINE_INSTANTIATE_ON_BACKENDS(SingleStep);
-
-TEST(GradientDescentUpdateMask, MaskedVerticesKeepTheirPositionsWhateverTheGradient) {
-    const int nv = 7;
-    std::vector<float> vertices(3 * nv), gradient(3 * nv);
-    for (int i = 0; i < 3 * nv; ++i) {
-        vertices[i] = 0.5f * float(i) - 3.0f;
-        gradient[i] = 1.0f / float(i + 1);
-    }
-    gradient[0] = std::numeric_limits<float>::quiet_NaN();
-    gradient[1] = std::numeric_limits<float>::infinity();
-    const std::vector<uint8_t> mask = {0, 1, 0, 255, 0, 2, 1};
-    const std::vector<float> before = vertices;
-    const tessaline::Kernel_GradientDescent_UpdateMask k{nv, vertices.data(), gradient.data(), 0.5f, mask.data()};
-    for (int id = -1; id < nv + 5; ++id) k(id);  // outside ids are guarded
-    for (int v = 0; v < nv; ++v)
-        for (int c = 0; c < 3; ++c) {
-            const int i = 3 * v + c;
-            if (mask[v] == 0)
-                EXPECT_EQ(vertices[i], before[i]) << "vertex " << v;
-            else  // one multiply-add
-                EXPECT_EQ(vertices[i], std::fma(-gradient[i], 0.5f, before[i])) << "vertex " << v;
-        }
-}
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -29,6 +30,35 @@ class OnEachBackend : public ::testing::TestWithParam<DeviceBackend> {
     void SetUp() override { ASSERT_TRUE(setActiveDeviceBackend(GetParam())); }
     void TearDown() override { setActiveDeviceBackend(DeviceBackend::Cpu); }
 };
+
+// What `call` prints on standard output.
+template <class Call>
+std::string printedBy(const Call& call) {
+    ::testing::internal::CaptureStdout();
+    call();
+    return ::testing::internal::GetCapturedStdout();
+}
+
+// A wrapper's refusal of its arguments: one line, "Error: <wrapper>...".
+inline bool isRefusal(const std::string& printed, const std::string& wrapper) {
+    return printed.rfind("Error: " + wrapper, 0) == 0 && printed.find('\n') + 1 == printed.size();
+}
+
+// The z-buffer of a mesh in a W x H camera, rendered from cleared buffers.
+struct ZRender {
+    std::vector<float> depth, b, c;
+    std::vector<int> facet;
+};
+
+inline ZRender zbuffer(const std::vector<float>& v, const std::vector<int>& f, const mycamera_cuda& cam, int W,
+                       int H) {
+    const size_t n = size_t(W) * H;
+    ZRender r{std::vector<float>(n, std::numeric_limits<float>::max()), std::vector<float>(n, -1.0f),
+              std::vector<float>(n, -1.0f), std::vector<int>(n, -1)};
+    TriMesh_Image_ZBuffering_CUDA(int(v.size() / 3), v.data(), int(f.size() / 3), f.data(), cam, 0, 0, W, H,
+                                  r.depth.data(), r.facet.data(), r.b.data(), r.c.data());
+    return r;
+}
 
 // A camera at `centre` looking at `target` with `up` roughly up in the image
 // (image rows grow downward), intrinsics fx, fy, cx, cy; P = K [R | t]
