@@ -2,6 +2,7 @@
 // precision, on every backend present.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <random>
@@ -22,41 +23,36 @@ mycamera_cuda frontCamera(double f, double cx, double cy) {
     return tessaline::test::lookAtCamera(c, target, up, f, f, cx, cy);
 }
 
+// A facet projected in double, with the renderer's margin rule (the same
+// truncation) and its winding: front-facing where det > 0.
 struct BruteFacet {
-    bool kept, front;
-    double x[3], y[3], d[3];
+    double x[3], y[3], d[3], det;
+    bool kept;
 
-    // Weights (b, c) of pixel (px, py), in double.
+    BruteFacet(const std::vector<float>& v, const int* idx, const mycamera_cuda& cam, int W, int H) {
+        int xLo = 1 << 30, xHi = -xLo, yLo = xLo, yHi = -xLo;
+        for (int k = 0; k < 3; ++k) {
+            const double X[3] = {v[3 * idx[k]], v[3 * idx[k] + 1], v[3 * idx[k] + 2]};
+            double p[3];
+            for (int r = 0; r < 3; ++r)
+                p[r] = double(cam.P[4 * r]) * X[0] + double(cam.P[4 * r + 1]) * X[1] +
+                       double(cam.P[4 * r + 2]) * X[2] + double(cam.P[4 * r + 3]);
+            x[k] = p[2] > 0 ? p[0] / p[2] : -1.0;
+            y[k] = p[2] > 0 ? p[1] / p[2] : -1.0;
+            d[k] = std::sqrt(X[0] * X[0] + X[1] * X[1] + X[2] * X[2]);
+            xLo = std::min(xLo, int(x[k] - 0.5)), xHi = std::max(xHi, int(x[k] + 0.5));
+            yLo = std::min(yLo, int(y[k] - 0.5)), yHi = std::max(yHi, int(y[k] + 0.5));
+        }
+        kept = !(xLo - 1 < 10 || yLo - 1 < 10 || xHi + 1 > W - 10 || yHi + 1 > H - 10);
+        det = (y[1] - y[0]) * (x[2] - x[0]) - (x[1] - x[0]) * (y[2] - y[0]);
+    }
+
+    // Weights (b, c) of pixel (px, py).
     void weights(double px, double py, double& b, double& c) const {
-        const double det = (y[1] - y[0]) * (x[2] - x[0]) - (x[1] - x[0]) * (y[2] - y[0]);
         b = ((y[0] - y[2]) * (px - x[2]) - (x[0] - x[2]) * (py - y[2])) / det;
         c = ((y[1] - y[0]) * (px - x[0]) - (x[1] - x[0]) * (py - y[0])) / det;
     }
 };
-
-// Projects a facet in double and applies the margin rule with the same
-// truncation as the renderer.
-BruteFacet bruteFacet(const std::vector<float>& v, const int* idx, const mycamera_cuda& cam, int W, int H) {
-    BruteFacet b{};
-    int xLo = 1 << 30, xHi = -(1 << 30), yLo = 1 << 30, yHi = -(1 << 30);
-    for (int k = 0; k < 3; ++k) {
-        const double X[3] = {v[3 * idx[k]], v[3 * idx[k] + 1], v[3 * idx[k] + 2]};
-        double p[3];
-        for (int r = 0; r < 3; ++r)
-            p[r] = double(cam.P[4 * r]) * X[0] + double(cam.P[4 * r + 1]) * X[1] + double(cam.P[4 * r + 2]) * X[2] +
-                   double(cam.P[4 * r + 3]);
-        b.x[k] = p[2] > 0 ? p[0] / p[2] : -1.0;
-        b.y[k] = p[2] > 0 ? p[1] / p[2] : -1.0;
-        b.d[k] = std::sqrt(X[0] * X[0] + X[1] * X[1] + X[2] * X[2]);
-        xLo = std::min(xLo, int(b.x[k] - 0.5));
-        xHi = std::max(xHi, int(b.x[k] + 0.5));
-        yLo = std::min(yLo, int(b.y[k] - 0.5));
-        yHi = std::max(yHi, int(b.y[k] + 0.5));
-    }
-    b.kept = !(xLo - 1 < 10 || yLo - 1 < 10 || xHi + 1 > W - 10 || yHi + 1 > H - 10);
-    b.front = (b.y[1] - b.y[0]) * (b.x[2] - b.x[0]) - (b.x[1] - b.x[0]) * (b.y[2] - b.y[0]) > 0;
-    return b;
-}
 
 class ZBuffer : public OnEachBackend {};
 
@@ -81,8 +77,8 @@ TEST_P(ZBuffer, MatchesBruteForceRenderOfRandomFacets) {
     std::vector<BruteFacet> bf;
     int kept = 0, back = 0;
     for (size_t t = 0; t < f.size() / 3; ++t) {
-        bf.push_back(bruteFacet(v, &f[3 * t], cam, W, H));
-        kept += bf.back().kept, back += bf.back().kept && !bf.back().front;
+        bf.emplace_back(v, &f[3 * t], cam, W, H);
+        kept += bf.back().kept, back += bf.back().kept && bf.back().det < 0;
     }
     ASSERT_GT(kept, 10);
     ASSERT_LT(kept, 50);
@@ -105,7 +101,7 @@ TEST_P(ZBuffer, MatchesBruteForceRenderOfRandomFacets) {
                 if (d < best) {
                     second = best;
                     best = d;
-                    bestFacet = bf[t].front ? int(t) : -1;
+                    bestFacet = bf[t].det > 0 ? int(t) : -1;
                 } else if (d < second) {
                     second = d;
                 }
