@@ -1,6 +1,7 @@
 // Photometric gradient on the CPU backend: its direction against finite
-// differences of the summed NCC score on a plane scene, the cosine limit, and
-// the per-vertex pair counting and normalisation.
+// differences of the summed NCC score on a plane scene, the cosine limits of
+// the integrated and the per-pair kernel, and the per-vertex pair counting
+// and normalisation.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,6 +9,7 @@
 
 #include "CpuBackend.h"
 #include "PlaneSceneSupport.h"
+#include "kernels/SingleStepKernels.h"
 #include "wrappers/IntegratedOptimization.h"
 
 namespace {
@@ -77,11 +79,12 @@ TEST(PhotometricGradient, DescentDirectionAgreesWithFiniteDifferencesOfTheScore)
 // One pixel whose ray is exactly (0, 0, 1): the reference looks along +z
 // from the origin with its principal point on pixel (20, 20). The target
 // sends X = (0, 0, z) to u = 16.3 + 4/z, v = 17.6, over a ramp brightening
-// with x. Facet 0 has normal (0, 0, nz), so the cosine is exactly nz.
+// with x. Facet 0 has normal (0, 0, nz), so the cosine is exactly nz. Run by
+// the integrated kernel, or by the per-pair one with the ramp bound alone.
 struct OnePixel {
     std::vector<float> grad = std::vector<float>(9, 0.0f), hits = std::vector<float>(3, 0.0f);
 
-    explicit OnePixel(float nz) {
+    explicit OnePixel(float nz, bool perPair = false) {
         const int W = 40, H = 40, n = W * H;
         const std::vector<int> facets{0, 1, 2}, facetRef(n, 0);
         const std::vector<float> normal{0.0f, 0.0f, nz}, depth(n, 4.0f), b(n, 0.25f), c(n, 0.5f), g(n, 1.0f);
@@ -93,11 +96,22 @@ struct OnePixel {
         ref.K[2] = ref.K[5] = 20.0f;
         tar.P[2] = 16.3f, tar.P[3] = 4.0f, tar.P[6] = 17.6f, tar.P[10] = 1.0f;
         CpuBackend be;
+        if (perPair) {
+            Texture2D target = be.makeTexture2D(ramp.data(), W, H);
+            be.launch2D(W, H, kImageBlock, kImageBlock,
+                        Kernel_AddPhotometricGradient_ImagePair_CUDA{
+                            1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), tar, nullptr,
+                            nullptr, b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3, grad.data(),
+                            hits.data(), target});
+            be.releaseTexture2D(target);
+            return;
+        }
         LayeredTexture tex = be.makeLayeredTexture(ramp.data(), W, H, 1);
-        const Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA k{
-            1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), 0, tar, nullptr, nullptr, 0,
-            b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3, grad.data(), hits.data(), tex};
-        be.launch2D(W, H, kImageBlock, kImageBlock, k);
+        be.launch2D(W, H, kImageBlock, kImageBlock,
+                    Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
+                        1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), 0, tar, nullptr,
+                        nullptr, 0, b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3, grad.data(),
+                        hits.data(), tex});
         be.releaseLayeredTexture(tex);
     }
 };
@@ -117,6 +131,17 @@ TEST(PhotometricGradient, CosineLimitIsTheDoubleMinusOneTenth) {
     const OnePixel out(std::nextafter(-0.1f, 0.0f));
     EXPECT_EQ(out.hits, std::vector<float>(3, 0.0f));
     EXPECT_EQ(out.grad, std::vector<float>(9, 0.0f));
+}
+
+// The per-pair kernel lets more grazing pixels through: it ends a pixel only
+// at a cosine above the double -0.01.
+TEST(PhotometricGradient, PerPairCosineLimitIsTheDoubleMinusOneHundredth) {
+    const std::vector<float> reached(3, 1.0f), missed(3, 0.0f);
+    EXPECT_EQ(OnePixel(-0.05f, true).hits, reached);
+    EXPECT_EQ(OnePixel(-0.05f).hits, missed);
+    ASSERT_GT(double(-0.01f), -0.01);
+    EXPECT_EQ(OnePixel(std::nextafter(-0.01f, -1.0f), true).hits, reached);
+    EXPECT_EQ(OnePixel(-0.01f, true).hits, missed);
 }
 
 TEST(PairCounting, CountsEachVertexOncePerPairAndAveragesOverPairs) {

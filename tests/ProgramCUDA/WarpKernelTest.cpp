@@ -1,6 +1,8 @@
-// The image-pair warp on the CPU backend: against an independent per-pixel
-// computation in double on a two-camera plane scene, and on hand-made
-// cameras that put a point exactly on the border and tolerance limits.
+// The image-pair warp through its public wrapper on every backend: against
+// an independent per-pixel computation in double on a two-camera plane scene,
+// and on hand-made cameras that put a point exactly on the border and
+// tolerance limits. The integrated kernel, which reads the target from a
+// layer of the image stack, must give the same values.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -8,6 +10,7 @@
 #include <vector>
 
 #include "CpuBackend.h"
+#include "DeviceTestSupport.h"
 #include "PlaneSceneSupport.h"
 #include "kernels/WarpKernels.h"
 
@@ -23,14 +26,17 @@ struct WarpInputs {
     std::vector<uint8_t> stack;  // layer 1 is the target image
 
     std::vector<float> run() const {
+        std::vector<float> warped(size_t(W) * H, 12345.0f), integrated = warped;
+        Perspective_Image_Model_Image_Warp_CUDA(ref, depthRef.data(), facetRef.data(), tar, depthTar.data(), nullptr,
+                                                stack.data() + size_t(W) * H, W, H, warped.data());
         CpuBackend be;
         LayeredTexture tex = be.makeLayeredTexture(stack.data(), W, H, 2);
-        std::vector<float> warped(size_t(W) * H, 12345.0f);
-        be.launch2D(
-            W, H, kImageBlock, kImageBlock,
-            Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
-                ref, depthRef.data(), facetRef.data(), 0, tar, depthTar.data(), nullptr, 1, W, H, warped.data(), tex});
+        be.launch2D(W, H, kImageBlock, kImageBlock,
+                    Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
+                        ref, depthRef.data(), facetRef.data(), 0, tar, depthTar.data(), nullptr, 1, W, H,
+                        integrated.data(), tex});
         be.releaseLayeredTexture(tex);
+        EXPECT_EQ(warped, integrated) << "the wrapper and the integrated kernel differ";
         return warped;
     }
 
@@ -84,37 +90,36 @@ WarpInputs planeScene(int W, int H, bool occluder) {
     return in;
 }
 
-class WarpOnPlane : public ::testing::TestWithParam<std::pair<int, int>> {};
+class Warp : public tessaline::test::OnEachBackend {};
 
-TEST_P(WarpOnPlane, MatchesIndependentPerPixelComputation) {
-    const auto [W, H] = GetParam();
-    const WarpInputs in = planeScene(W, H, true);
-    const std::vector<float> warped = in.run(), open = planeScene(W, H, false).run();
-    int compared = 0, valid = 0, occluded = 0;
-    for (int y = 0; y < H; ++y)
-        for (int x = 0; x < W; ++x) {
-            const size_t e = size_t(y) * W + x;
-            bool ambiguous;
-            const float want = in.expected(x, y, ambiguous);
-            occluded += warped[e] == -1.0f && open[e] != -1.0f;
-            if (in.facetRef[e] < 0) EXPECT_EQ(warped[e], -1.0f);
-            if (ambiguous) continue;
-            ++compared;
-            valid += want != -1.0f;
-            // 8 fractional bits of the fetch position: a rounding flip moves
-            // the value by a 256th of a texel difference, under 1 grey level.
-            if (want == -1.0f)
-                EXPECT_EQ(warped[e], -1.0f) << x << "," << y;
-            else
-                EXPECT_NEAR(warped[e], want, 1.0f) << x << "," << y;
-        }
-    EXPECT_GT(compared, W * H * 9 / 10);
-    EXPECT_GT(valid, (W - 20) * (H - 20) / 3);
-    EXPECT_GT(occluded, 4);
+TEST_P(Warp, MatchesIndependentPerPixelComputation) {
+    for (const auto [W, H] : {std::pair{64, 48}, {47, 33}, {65, 49}}) {
+        SCOPED_TRACE(testing::Message() << W << " x " << H);
+        const WarpInputs in = planeScene(W, H, true);
+        const std::vector<float> warped = in.run(), open = planeScene(W, H, false).run();
+        int compared = 0, valid = 0, occluded = 0;
+        for (int y = 0; y < H; ++y)
+            for (int x = 0; x < W; ++x) {
+                const size_t e = size_t(y) * W + x;
+                bool ambiguous;
+                const float want = in.expected(x, y, ambiguous);
+                occluded += warped[e] == -1.0f && open[e] != -1.0f;
+                if (in.facetRef[e] < 0) EXPECT_EQ(warped[e], -1.0f);
+                if (ambiguous) continue;
+                ++compared;
+                valid += want != -1.0f;
+                // 8 fractional bits of the fetch position: a rounding flip moves
+                // the value by a 256th of a texel difference, under 1 grey level.
+                if (want == -1.0f)
+                    EXPECT_EQ(warped[e], -1.0f) << x << "," << y;
+                else
+                    EXPECT_NEAR(warped[e], want, 1.0f) << x << "," << y;
+            }
+        EXPECT_GT(compared, W * H * 9 / 10);
+        EXPECT_GT(valid, (W - 20) * (H - 20) / 3);
+        EXPECT_GT(occluded, 4);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Sizes, WarpOnPlane,
-                         ::testing::Values(std::pair{64, 48}, std::pair{47, 33}, std::pair{65, 49}));
 
 // Reference pixel (7, 9) looks along +z from the origin (R = I, t = 0, unit
 // focal length, principal point on the pixel): depth 4 gives X = (0, 0, 4)
@@ -136,7 +141,7 @@ float exactWarp(float U, float V, float depthTar = 4.0f, float w = 1.0f, int agr
     return in.run()[9 * W + 7];
 }
 
-TEST(WarpLimits, BorderIsStrictAndTenPixelsWideAndDepthsAgreeWithinOnePercent) {
+TEST_P(Warp, BorderIsStrictAndTenPixelsWideAndDepthsAgreeWithinOnePercent) {
     for (auto [U, V] : {std::pair{10.0f, 15.0f}, {30.0f, 15.0f}, {15.0f, 10.0f}, {15.0f, 26.0f}})
         EXPECT_EQ(exactWarp(U, V), -1.0f) << U << "," << V;
     for (auto [U, V] : {std::pair{std::nextafter(10.0f, 11.0f), 15.0f},
@@ -150,5 +155,7 @@ TEST(WarpLimits, BorderIsStrictAndTenPixelsWideAndDepthsAgreeWithinOnePercent) {
     for (int cell = 0; cell < 4; ++cell) EXPECT_NEAR(exactWarp(15.5f, 15.5f, 2.0f, 1.0f, cell), 200.0f, 1e-3f);
     EXPECT_EQ(exactWarp(15.5f, 15.5f, 2.0f, 1.0f, 4), -1.0f);  // the cell beyond the four
 }
+
+TESSALINE_INSTANTIATE_ON_BACKENDS(Warp);
 
 }  // namespace

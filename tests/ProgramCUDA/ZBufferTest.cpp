@@ -83,7 +83,7 @@ TEST_P(ZBuffer, MatchesBruteForceRenderOfRandomFacets) {
     ASSERT_GT(kept, 10);
     ASSERT_LT(kept, 50);
     ASSERT_GT(back, 3);
-    int compared = 0, idCompared = 0;
+    int compared = 0, idCompared = 0, backShown = 0;
     for (int y = 0; y < H; ++y)
         for (int x = 0; x < W; ++x) {
             const size_t e = size_t(y) * W + x;
@@ -115,7 +115,7 @@ TEST_P(ZBuffer, MatchesBruteForceRenderOfRandomFacets) {
             ++compared;
             EXPECT_NEAR(r.depth[e], best, 1e-4 * best) << x << "," << y;
             if (second - best <= 1e-3) continue;
-            ++idCompared;
+            ++idCompared, backShown += bestFacet == -1;
             EXPECT_EQ(r.facet[e], bestFacet) << x << "," << y;
             double b = -1.0, c = -1.0;  // a back-facing facet in front leaves -1
             if (bestFacet >= 0) bf[bestFacet].weights(x, y, b, c);
@@ -124,6 +124,7 @@ TEST_P(ZBuffer, MatchesBruteForceRenderOfRandomFacets) {
         }
     EXPECT_GT(compared, 500);
     EXPECT_GT(idCompared, 400);
+    EXPECT_GT(backShown, 20);
 }
 
 TEST_P(ZBuffer, AreasAndFacetsThatCannotShowRenderNothing) {
