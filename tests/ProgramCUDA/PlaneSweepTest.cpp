@@ -241,15 +241,20 @@ TEST_P(PlaneSweep, BadArgumentsAreRefusedWithoutTouchingTheOutputs) {
     std::vector<float> depth(size_t(W) * H, 7.0f), score = depth;
     float *d = depth.data(), *sc = score.data();
     const uint8_t* st = s.stack.data();
+    const float plane[4] = {0, 0, 1, 0};
     const std::pair<const char*, std::function<void()>> cases[] = {
         {"PlaneSweep_Homography_CUDA",  // fewer than 3 planes
          [&] { PlaneSweep_Homography_CUDA(2, W, H, st, s.relative.data(), W, H, 1, d, sc, 1.9f, 0.1f, 2, 1); }},
         {"PlaneSweep_Homography_CUDA",  // a negative number of levels
          [&] { PlaneSweep_Homography_CUDA(2, W, H, st, s.relative.data(), W, H, 1, d, sc, 1.9f, 0.1f, 5, -1); }},
+        {"PlaneSweep_InvDepth_CUDA",  // no neighbour
+         [&] { PlaneSweep_InvDepth_CUDA(0, W, H, st, s.cameras.data(), W, H, 1, d, sc, 0.5f, 0.01f, 5); }},
         {"PlaneSweep_InvDepth_CUDA",  // subsample 0
          [&] { PlaneSweep_InvDepth_CUDA(2, W, H, st, s.cameras.data(), W, H, 0, d, sc, 0.5f, 0.01f, 5); }},
         {"PlaneSweep_Height_CUDA",  // no plane
-         [&] { PlaneSweep_Height_CUDA(2, W, H, st, s.cameras.data(), W, H, 1, d, sc, 0.0f, 0.01f, 5, nullptr); }}};
+         [&] { PlaneSweep_Height_CUDA(2, W, H, st, s.cameras.data(), W, H, 1, d, sc, 0.0f, 0.01f, 5, nullptr); }},
+        {"PlaneSweep_Height_CUDA",  // no images
+         [&] { PlaneSweep_Height_CUDA(2, W, H, nullptr, s.cameras.data(), W, H, 1, d, sc, 0.0f, 0.01f, 5, plane); }}};
     for (const auto& [wrapper, call] : cases) {
         const std::string out = printedBy(call);
         EXPECT_TRUE(tessaline::test::isRefusal(out, wrapper)) << out;
