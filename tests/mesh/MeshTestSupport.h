@@ -10,10 +10,15 @@
 #include <utility>
 #include <vector>
 
+#include "DeviceTestSupport.h"
 #include "TriMesh.h"
 #include "mycamera.h"
 
 namespace meshtest {
+
+using V = std::vector<int32_t>;
+
+using tessaline::test::printedBy;
 
 // A mesh with the primary tables of a freshly loaded PLY: attributes zero,
 // records at their defaults.
@@ -31,46 +36,18 @@ inline TriMesh makeMesh(const std::vector<float>& vertices, const std::vector<in
 // Unit square of vertices 0..3 with the facets (0, 1, 2) and (0, 2, 3).
 inline TriMesh square() { return makeMesh({0, 0, 0, 1, 0, 0, 1, 1, 0, 0, 1, 0}, {0, 1, 2, 0, 2, 3}); }
 
-// A closed tetrahedron, facets wound consistently (every directed edge has
-// exactly one opposite).
-inline TriMesh tetrahedron() {
-    return makeMesh({0, 0, 0, 1, 0, 0, 0, 1, 0, 0, 0, 1}, {0, 2, 1, 0, 1, 3, 0, 3, 2, 1, 2, 3});
-}
-
 // A closed octahedron.
 inline TriMesh octahedron() {
     return makeMesh({1, 0, 0, -1, 0, 0, 0, 1, 0, 0, -1, 0, 0, 0, 1, 0, 0, -1},
                     {0, 2, 4, 2, 1, 4, 1, 3, 4, 3, 0, 4, 2, 0, 5, 1, 2, 5, 3, 1, 5, 0, 3, 5});
 }
 
-// n x n grid of quads in the plane z = 0, each cut into two facets, all wound
-// counter-clockwise seen from +z.
-inline TriMesh grid(int n) {
-    std::vector<float> v;
-    std::vector<int32_t> f;
-    for (int y = 0; y <= n; ++y)
-        for (int x = 0; x <= n; ++x) v.insert(v.end(), {float(x), float(y), 0.0f});
-    auto id = [n](int x, int y) { return int32_t(y * (n + 1) + x); };
-    for (int y = 0; y < n; ++y)
-        for (int x = 0; x < n; ++x) {
-            f.insert(f.end(), {id(x, y), id(x + 1, y), id(x + 1, y + 1)});
-            f.insert(f.end(), {id(x, y), id(x + 1, y + 1), id(x, y + 1)});
-        }
-    return makeMesh(v, f);
-}
-
-// Count of each directed edge of the facets.
-inline std::map<std::pair<int32_t, int32_t>, int> directedEdges(const TriMesh& m) {
+// True when every directed edge of the facets occurs once and has exactly
+// one opposite: a closed, consistently wound, conforming mesh.
+inline ::testing::AssertionResult isClosedAndConforming(const TriMesh& m) {
     std::map<std::pair<int32_t, int32_t>, int> count;
     for (int32_t f = 0; f < m.num_f; ++f)
         for (int k = 0; k < 3; ++k) ++count[{m.facets[3 * f + k], m.facets[3 * f + (k + 1) % 3]}];
-    return count;
-}
-
-// True when every directed edge occurs once and has exactly one opposite:
-// a closed, consistently wound, conforming mesh.
-inline ::testing::AssertionResult isClosedAndConforming(const TriMesh& m) {
-    const auto count = directedEdges(m);
     for (const auto& [e, n] : count)
         if (n != 1 || count.count({e.second, e.first}) != 1)
             return ::testing::AssertionFailure() << "directed edge " << e.first << "->" << e.second << " occurs " << n
