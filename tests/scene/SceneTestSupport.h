@@ -1,5 +1,6 @@
-// Helpers of the scene tests: a fresh temporary folder per test, whole-file
-// reads and writes, and capture of standard output.
+// Helpers of the scene tests, used by the driver tests too: a fresh temporary
+// folder per test, whole-file reads and writes, and the shared capture of
+// standard output.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -9,10 +10,11 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "DeviceTestSupport.h"
 
 namespace scene_test {
 
@@ -30,8 +32,6 @@ protected:
     }
     void TearDown() override {
         std::error_code ec;
-        for (const auto& entry : fs::recursive_directory_iterator(dir_, ec))  // folders a test made read-only
-            if (entry.is_directory(ec)) fs::permissions(entry.path(), fs::perms::owner_all, fs::perm_options::add, ec);
         fs::remove_all(dir_, ec);
     }
 
@@ -64,14 +64,6 @@ inline std::string readFile(const std::string& path) {
     return text.str();
 }
 
-// Runs `body` with standard output captured and returns what it printed.
-template <typename Body>
-std::string captureStdout(Body body) {
-    std::cout.flush();
-    ::testing::internal::CaptureStdout();
-    body();
-    std::cout.flush();
-    return ::testing::internal::GetCapturedStdout();
-}
+using tessaline::test::printedBy;
 
 }  // namespace scene_test
