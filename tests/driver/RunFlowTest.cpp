@@ -2,17 +2,10 @@
 // loop, and the order of the lines of a complete run.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
-#include <vector>
-
 #include <opencv2/imgcodecs.hpp>
 
+#include "../scene/SceneTestSupport.h"
 #include "runFlow.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -25,111 +18,86 @@ RunResult runTool(std::vector<std::string> args) {
     args.insert(args.begin(), "tessaline_refine");
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
-    testing::internal::CaptureStdout();
-    const int status = runTessalineRefine(int(argv.size()), argv.data());
-    return {status, testing::internal::GetCapturedStdout()};
+    int status = -1;
+    const std::string out = scene_test::printedBy([&] { status = runTessalineRefine(int(argv.size()), argv.data()); });
+    return {status, out};
 }
 
-std::vector<std::string> lines(const std::string& s) {
-    std::vector<std::string> v;
-    std::istringstream in(s);
-    for (std::string l; std::getline(in, l);) v.push_back(l);
-    return v;
-}
+using RunFlow = scene_test::TempFolderTest;
 
-class RunFlow : public testing::Test {
-   protected:
-    void SetUp() override {
-        dir = fs::temp_directory_path() /
-              ("tessaline_runflow_" + std::string(testing::UnitTest::GetInstance()->current_test_info()->name()));
-        fs::remove_all(dir);
-        fs::create_directories(dir);
-    }
-    void TearDown() override { fs::remove_all(dir); }
-
-    // Two cameras looking at a textured square facing them; image paths are
-    // absolute so the run does not depend on the working directory.
-    void writeScene() {
-        cv::Mat img(96, 128, CV_8UC1);
-        cv::randu(img, 0, 256);
-        std::ofstream sfm(dir / "scene.sfm");
-        sfm << "2\n";
-        for (int i = 0; i < 2; ++i) {
-            const std::string name = (dir / ("img" + std::to_string(i) + ".png")).string();
-            cv::imwrite(name, img);
-            sfm << name << " 1 0 0 0 1 0 0 0 1 " << 0.1 * i << " 0 4 200 200 64 48\n";
-        }
-        sfm << "-1 1 -1 1 -1 1\n0 1 1\n1 1 0\n";
-        std::ofstream ply(dir / "mesh.ply");
-        ply << "ply\nformat ascii 1.0\nelement vertex 4\nproperty float x\nproperty float y\nproperty float z\n"
-               "element face 2\nproperty list uchar int vertex_indices\nend_header\n"
-               "-0.5 -0.5 0\n0.5 -0.5 0\n0.5 0.5 0\n-0.5 0.5 0\n3 0 2 1\n3 0 3 2\n";
-    }
-
-    fs::path dir;
-};
-
-TEST_F(RunFlow, RefusesTooFewArgumentsAndBadLevels) {
-    auto r = runTool({"a", "b"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out, "Please specify the paths of SFM file, initial PLY file and output PLY file... exit\n");
-
-    for (const char* bad : {"3", "-1"}) {
-        r = runTool({"a.sfm", "b.ply", "c.ply", bad});
+TEST_F(RunFlow, RefusesBadArgumentsWithStatusZero) {
+    const std::string paths = "PathSFM: a.sfm\nPathInitPLY: b.ply\nPathRefinedPLY: c.ply\n";
+    const std::string tooLong = " is longer than 1023 characters; use a shorter path\n";
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"a", "b"}, "Please specify the paths of SFM file, initial PLY file and output PLY file... exit\n"},
+        {{"a.sfm", "b.ply", "c.ply", "3"}, paths + "Level of Details should be 0, 1 or 2.\n"},
+        {{"a.sfm", "b.ply", "c.ply", "-1"}, paths + "Level of Details should be 0, 1 or 2.\n"},
+        {{std::string(1024, 'a'), "b.ply", "c.ply"}, "Error: argument 1" + tooLong},
+        {{"a.sfm", "b.ply", std::string(1024, 'c')}, "Error: argument 3" + tooLong},
+    };
+    for (const auto& [args, printed] : cases) {
+        SCOPED_TRACE(printed);
+        const auto r = runTool(args);
         EXPECT_EQ(r.status, 0);
-        EXPECT_EQ(r.out, "PathSFM: a.sfm\nPathInitPLY: b.ply\nPathRefinedPLY: c.ply\n"
-                         "Level of Details should be 0, 1 or 2.\n");
+        EXPECT_EQ(r.out, printed);
     }
-}
-
-TEST_F(RunFlow, RefusesOverlongPaths) {
-    const auto r = runTool({std::string(1024, 'a'), "b.ply", "c.ply"});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out.rfind("Error: ", 0), 0u);
 }
 
 TEST_F(RunFlow, NonNumericLevelIsZeroAndMissingSceneStopsBeforeTheLoop) {
-    const std::string out = (dir / "out.ply").string();
-    const auto r = runTool({(dir / "missing.sfm").string(), "b.ply", out, "abc", "extra"});
+    const std::string sfm = path("missing.sfm");
+    const auto r = runTool({sfm, "b.ply", path("out.ply"), "abc", "extra"});
     EXPECT_EQ(r.status, 0);
     EXPECT_NE(r.out.find("CUDA_DEIVCE_INDEX 0\nLevel of Details 0\n\nSetting up CUDA device\n"), std::string::npos);
-    EXPECT_NE(r.out.find(" cannot read\n"), std::string::npos);
-    EXPECT_EQ(r.out.find("reading "), std::string::npos);
-    EXPECT_FALSE(fs::exists(out));
+    // The run ends after the scene's lines: the mesh is never read, nothing is written.
+    const std::string end = "\nloading " + sfm + "...\n" + sfm + " cannot read\n" +
+                            "Error: the scene could not be loaded; nothing was written\n";
+    EXPECT_EQ(r.out.substr(r.out.size() - std::min(r.out.size(), end.size())), end);
+    EXPECT_EQ(listFolder(), std::vector<std::string>{});
 }
 
 TEST_F(RunFlow, CompleteRunPrintsItsLinesInOrderAndWritesTheMesh) {
-    writeScene();
-    const std::string out = (dir / "refined.ply").string();
-    const auto r = runTool({(dir / "scene.sfm").string(), (dir / "mesh.ply").string(), out, "2"});
+    // Two cameras looking at a textured square facing them; image paths are
+    // absolute so the run does not depend on the working directory.
+    cv::Mat img(96, 128, CV_8UC1);
+    cv::randu(img, 0, 256);
+    std::string sfm = "2\n";
+    for (int i = 0; i < 2; ++i) {
+        const std::string name = path("img" + std::to_string(i) + ".png");
+        ASSERT_TRUE(cv::imwrite(name, img));
+        sfm += name + " 1 0 0 0 1 0 0 0 1 " + std::to_string(0.1 * i) + " 0 4 200 200 64 48\n";
+    }
+    scene_test::writeFile(path("scene.sfm"), sfm + "-1 1 -1 1 -1 1\n0 1 1\n1 1 0\n");
+    scene_test::writeFile(path("mesh.ply"),
+                          "ply\nformat ascii 1.0\nelement vertex 4\nproperty float x\nproperty float y\n"
+                          "property float z\nelement face 2\nproperty list uchar int vertex_indices\nend_header\n"
+                          "-0.5 -0.5 0\n0.5 -0.5 0\n0.5 0.5 0\n-0.5 0.5 0\n3 0 2 1\n3 0 3 2\n");
+    const std::string out = path("refined.ply");
+    const auto r = runTool({path("scene.sfm"), path("mesh.ply"), out, "2"});
     EXPECT_EQ(r.status, 1);
-    const auto l = lines(r.out);
+    std::vector<std::string> l;
+    std::istringstream in(r.out);
+    for (std::string line; std::getline(in, line);) l.push_back(line);
     ASSERT_GT(l.size(), 16u);
-    EXPECT_EQ(l[3], "CUDA_DEIVCE_INDEX 2");
-    EXPECT_EQ(l[4], "Level of Details 2");
-    EXPECT_EQ(l[5], "");
-    EXPECT_EQ(l[6], "Setting up CUDA device");
+    EXPECT_EQ(std::vector<std::string>(l.begin(), l.begin() + 7),
+              (std::vector<std::string>{"PathSFM: " + path("scene.sfm"), "PathInitPLY: " + path("mesh.ply"),
+                                        "PathRefinedPLY: " + out, "CUDA_DEIVCE_INDEX 2", "Level of Details 2", "",
+                                        "Setting up CUDA device"}));
     size_t k = 7;
     while (k < l.size() && l[k].rfind("Device memory total: ", 0) != 0) ++k;
-    ASSERT_LT(k + 1, l.size());
+    ASSERT_LT(k + 8, l.size());
     EXPECT_EQ(l[k + 1].rfind("Device memory aviable: ", 0), 0u);
-    EXPECT_EQ(l[k + 2], "");
-    EXPECT_EQ(l[k + 3].rfind("loading ", 0), 0u);
-    EXPECT_EQ(l[k + 4], "2 images have been loaded");
-    EXPECT_EQ(l[k + 5], "Bounding Box: -1 1 -1 1 -1 1");
-    EXPECT_EQ(l[k + 6], "");
-    EXPECT_EQ(l[k + 7].rfind("reading ", 0), 0u);
-    EXPECT_EQ(l[k + 8], "");
+    EXPECT_EQ(std::vector<std::string>(l.begin() + k + 2, l.begin() + k + 9),
+              (std::vector<std::string>{"", "loading " + path("scene.sfm") + "...", "2 images have been loaded",
+                                        "Bounding Box: -1 1 -1 1 -1 1", "", "reading " + path("mesh.ply"), ""}));
     // Level of detail 2: one refinement, at level 2, and the pass of level 1
     // ends after its subdivision.
     int refinements = 0;
     for (const auto& line : l) refinements += line.rfind("mesh refining at level ", 0) == 0;
     EXPECT_EQ(refinements, 1);
     EXPECT_NE(r.out.find("mesh refining at level 2\n"), std::string::npos);
-    ASSERT_GE(l.size(), 2u);
     EXPECT_EQ(l[l.size() - 2].rfind("Tessaline_refine running time: ", 0), 0u);
     EXPECT_EQ(l.back(), "saving " + out);
-    EXPECT_TRUE(fs::exists(out));
+    EXPECT_TRUE(std::filesystem::exists(out));
 }
 
 }  // namespace
