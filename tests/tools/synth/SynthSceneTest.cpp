@@ -247,7 +247,8 @@ TEST(SynthCommand, RefusesBadArgumentsAndUnmakeableFoldersWithAnErrorLine) {
         {{out, "--width", "40", "--height", "40"}, 1, "--margin 20 leaves less than 16 pixels for the object"},
         {{out, "--margin", "120"}, 1, "--margin 120 leaves less than 16 pixels for the object"},
         {{out, "--detail", "-1"}, 1, "--detail must be between 0 and 5"},
-        {{out, "--detail", "nan"}, 1, "--detail must be between 0 and 5"},
+        {{out, "--detail", "nan", "--views", "2", "--width", "64", "--height", "64", "--truth-level", "1"}, 1,
+         "--detail must be between 0 and 5"},  // small, so that a scene of NaN would not take hours
         {{out, "--rings", "3"}, 1, "--rings must be 1 or 2"},
         {{out, "--distance", "1"}, 1, "--distance must be between 1.5 and 100"},
         {{out, "--truth-level", "9"}, 1, "--truth-level must be between 1 and 8"},
