@@ -66,6 +66,15 @@ DEVICE_HOST void setPrintfOrigin1D(int id, int block, int n) {
 #endif
 }
 
+// Back to the origin of host code outside any launch, block 0 thread 0, so
+// that a CPU thread's next print outside a launch does not inherit the ids
+// of the last kernel element it ran.
+DEVICE_HOST void resetPrintfOrigin() {
+#if !defined(__CUDA_ARCH__)
+    currentPrintfOrigin() = PrintfOrigin();
+#endif
+}
+
 // The full linear block and thread indices of the calling thread.
 DEVICE_HOST void linearIds(unsigned& blockLinear, unsigned& threadLinear) {
 #if defined(__CUDA_ARCH__)

@@ -23,6 +23,7 @@ struct Kernel_CHECK_FUNC {
         printfring::setPrintfOrigin1D(id, kBlock, n);
         cuPrintf("Call %d GRAD_PHOTO %f %f %f\n", callIndex, values[3 * kCheckedVertex],
                  values[3 * kCheckedVertex + 1], values[3 * kCheckedVertex + 2]);
+        printfring::resetPrintfOrigin();
     }
 };
 
