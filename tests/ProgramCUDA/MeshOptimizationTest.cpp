@@ -92,8 +92,10 @@ TEST_P(MeshOptimization, PairsThroughACameraThatSeesNothingAddNothing) {
     PlaneScene scene(3, 0.03);
     const double c[3] = {0.0, 0.3, -1.9}, away[3] = {0.0, 0.3, -5.0}, up[3] = {0, -1, 0};
     scene.cameras[2] = tessaline::test::lookAtCamera(c, away, up, 100.0, 100.0, 47.5, 39.5);
+    // Atomic sums in any thread order: each run's gradients may differ in the
+    // last bits, which three steps grow to a few 1e-6 (moves are about 1e-2).
     expectNear(optimise(scene, {0, 1, 1, 1, 0, 1, 1, 1, 0}, 3, true),
-               optimise(scene, {0, 1, 0, 1, 0, 0, 0, 0, 0}, 3, true), 1e-6f);
+               optimise(scene, {0, 1, 0, 1, 0, 0, 0, 0, 0}, 3, true), 2e-5f);
 }
 
 TEST_P(MeshOptimization, PrintsMemoryReportsAndAnOverwritingCounter) {
