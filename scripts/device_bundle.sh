@@ -13,7 +13,12 @@ root=$(pwd)
 build=$root/build-device
 bundle=$root/.device-bundle
 
-configure=$(cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTESSALINE_WITH_CUDA=ON)
+# The programs find the bundled libraries through an RPATH to where
+# device_proof.sh unpacks them (an RPATH, unlike a RUNPATH, also serves the
+# libraries' own dependencies); nothing else on that machine sees them.
+unpacked=/tmp/tessaline-bundle
+configure=$(cmake -S . -B "$build" -DCMAKE_BUILD_TYPE=Release -DTESSALINE_WITH_CUDA=ON \
+  "-DCMAKE_EXE_LINKER_FLAGS=-Wl,--disable-new-dtags,-rpath,$unpacked/lib")
 if ! grep -q "Enabling CUDA support" <<<"$configure"; then
   echo "Error: no CUDA compiler found here; nothing to bundle" >&2
   exit 1

@@ -36,7 +36,6 @@ if [ ! -x "$unpacked/build/src/driver/tessaline_refine" ]; then
   mkdir -p "$unpacked"
   xz -dc .device-bundle/bundle.tar.xz | tar -C "$unpacked" -xf - || exit 1
 fi
-export LD_LIBRARY_PATH=$unpacked/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
 bin=$unpacked/build
 nvidia-smi -L 2>/dev/null | tee "$out/device.txt"
 
