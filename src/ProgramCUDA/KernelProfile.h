@@ -8,8 +8,9 @@
 // inputs read at every element). Reads that depend on the data (window sums at
 // valid pixels, scattered vertex reads, atomics) are left out, so the floor
 // over the measured copy bandwidth is a lower bound on the kernel's time. The
-// one overstatement: the window kernels skip their mask read within the
-// half-window of the image border, a byte at a few per cent of the pixels.
+// one overstatement: the window kernels read nothing within the half-window
+// of the image border (a few per cent of the pixels), and count their reads
+// there all the same.
 // Kernels that state none count 0.
 //
 // Without the variable the backends skip all of this: one cached flag test
