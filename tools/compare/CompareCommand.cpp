@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ParseCommandLine.h"
 #include "MeshCompare.h"
 #include "plyIO.h"
 
@@ -24,15 +25,7 @@ int runCompareCommand(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(size_t(1), size_t(100000000)));
     app.add_flag("--json", json, "Print the result as one line of JSON (the last line of the output)");
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp&) {
-        std::cout << app.help();
-        return 0;
-    } catch (const CLI::ParseError& e) {
-        std::cout << "Error: " << e.what() << "\n" << "Run with --help for the options." << std::endl;
-        return 2;
-    }
+    if (const int status = tessaline::parseCommandLine(app, argc, argv); status >= 0) return status;
 
     try {
         TriMesh reference, test;

@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "ParseCommandLine.h"
 #include "SynthScene.h"
 
 namespace tessaline::synth {
@@ -36,15 +37,7 @@ int runSynthCommand(int argc, char** argv) {
                    "Mean outward offset of the initial mesh, as a fraction of the truth's diagonal")
         ->capture_default_str();
     app.add_option("--supersample", o.supersample, "Rays per pixel along each axis")->capture_default_str();
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp&) {
-        std::cout << app.help();
-        return 0;
-    } catch (const CLI::ParseError& e) {
-        std::cout << "Error: " << e.what() << "\n" << "Run with --help for the options." << std::endl;
-        return 2;
-    }
+    if (const int status = tessaline::parseCommandLine(app, argc, argv); status >= 0) return status;
 
     try {
         SynthScene scene;
