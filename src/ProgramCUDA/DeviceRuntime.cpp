@@ -1,5 +1,4 @@
 // Backend selection and dispatch of the public wrappers to the active backend.
-#include <omp.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +9,7 @@
 #include <string>
 
 #include "ProgramCUDA.h"
+#include "cpu/CpuThreads.h"
 
 namespace tessaline::cudart {
 // Implemented in cuda/DeviceRuntimeCuda.cu when the build has CUDA.
@@ -77,7 +77,8 @@ DeviceSetup setupDevice(int deviceIndex) {
     g_backend = DeviceBackend::Cpu;
     setup.backend = DeviceBackend::Cpu;
     std::ostringstream line;
-    line << "Device backend: CPU, " << omp_get_max_threads() << " threads (" << why
+    const int threads = tessaline::cpuThreadCount();
+    line << "Device backend: CPU, " << threads << (threads == 1 ? " thread (" : " threads (") << why
          << "; device memory below is host memory)";
     setup.description = line.str();
     hostMemoryInfo(setup.freeMB, setup.totalMB);

@@ -1,0 +1,50 @@
+// The CPU backend's launches split the index space among worker threads:
+// every element of the grid, idle tail included, must run exactly once,
+// on the serial path of small launches and the parallel path of large ones.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "CpuBackend.h"
+#include "cpu/CpuThreads.h"
+
+namespace {
+
+using namespace tessaline;
+
+TEST(CpuBackendLaunch, EveryThreadOfTheGridRunsExactlyOnce) {
+    for (int n : {1, 4095, 4096, 100000, 100001}) {
+        const long long total = (long long)gridBlocks(n, kWideBlock) * kWideBlock;
+        std::vector<std::atomic<int>> runs(size_t(total) + 1);
+        CpuBackend().launch1D(n, kWideBlock, [&](int id) { runs[size_t(id)]++; });
+        for (long long id = 0; id <= total; ++id) ASSERT_EQ(runs[size_t(id)], id < total ? 1 : 0) << n << " " << id;
+    }
+    for (auto [w, h] : {std::pair{20, 30}, {64, 64}, {641, 481}, {1000, 7}}) {
+        const int spanX = int(gridBlocks(w, kImageBlock)) * kImageBlock;
+        const int spanY = int(gridBlocks(h, kImageBlock)) * kImageBlock;
+        std::vector<std::atomic<int>> runs(size_t(spanX) * spanY);
+        CpuBackend().launch2D(w, h, kImageBlock, kImageBlock, [&](int x, int y) {
+            ASSERT_TRUE(x >= 0 && x < spanX && y >= 0 && y < spanY);
+            runs[size_t(y) * spanX + x]++;
+        });
+        for (size_t e = 0; e < runs.size(); ++e) ASSERT_EQ(runs[e], 1) << w << "x" << h << " " << e;
+    }
+}
+
+TEST(CpuBackendLaunch, ThreadSettingIsAWholeNumberFromOneTo4096) {
+    std::string warning;
+    EXPECT_EQ(threadCountFromSetting(nullptr, 6, warning), 6);
+    EXPECT_TRUE(warning.empty());
+    EXPECT_EQ(threadCountFromSetting("3", 6, warning), 3);
+    EXPECT_EQ(threadCountFromSetting("4096", 6, warning), 4096);
+    EXPECT_TRUE(warning.empty());
+    for (const char* bad : {"0", "-2", "", "abc", "3x", "4097", "99999999999999999999"}) {
+        EXPECT_EQ(threadCountFromSetting(bad, 6, warning), 6) << bad;
+        EXPECT_EQ(warning, "Warning: TESSALINE_THREADS=" + std::string(bad) +
+                               " is not a whole number from 1 to 4096; 6 threads are used");
+    }
+}
+
+}  // namespace
