@@ -39,27 +39,8 @@ DEVICE_HOST float bitsFloat(unsigned u) {
 #endif
 }
 
-// Reads a float that other threads may be changing.
-DEVICE_HOST float atomicLoadFloat(const float* cell) {
-#if defined(__CUDA_ARCH__)
-    return *reinterpret_cast<const volatile float*>(cell);
-#else
-    return bitsFloat(__atomic_load_n(reinterpret_cast<const unsigned*>(cell), __ATOMIC_RELAXED));
-#endif
-}
-
-// Compare-and-swap on a float's 32-bit pattern; returns the old pattern.
-DEVICE_HOST unsigned atomicCasFloatBits(float* cell, unsigned expected, unsigned desired) {
-#if defined(__CUDA_ARCH__)
-    return atomicCAS(reinterpret_cast<unsigned*>(cell), expected, desired);
-#else
-    __atomic_compare_exchange_n(reinterpret_cast<unsigned*>(cell), &expected, desired, false,
-                                __ATOMIC_RELAXED, __ATOMIC_RELAXED);
-    return expected;
-#endif
-}
-
-// Indivisible float addition.
+// Indivisible float addition. Used only where every partial sum is exact
+// (whole numbers below 2^24), so that the order of the additions cannot show.
 DEVICE_HOST void atomicAddFloat(float* cell, float value) {
 #if defined(__CUDA_ARCH__)
     atomicAdd(cell, value);
@@ -70,6 +51,27 @@ DEVICE_HOST void atomicAddFloat(float* cell, float value) {
         const unsigned next = floatBits(bitsFloat(old) + value);
         if (__atomic_compare_exchange_n(bits, &old, next, true, __ATOMIC_RELAXED, __ATOMIC_RELAXED))
             return;
+    }
+#endif
+}
+
+// Indivisible 64-bit integer addition (two's complement, wrapping).
+DEVICE_HOST void atomicAddU64(unsigned long long* cell, unsigned long long value) {
+#if defined(__CUDA_ARCH__)
+    atomicAdd(cell, value);
+#else
+    __atomic_fetch_add(cell, value, __ATOMIC_RELAXED);
+#endif
+}
+
+// Indivisible 64-bit unsigned minimum.
+DEVICE_HOST void atomicMinU64(unsigned long long* cell, unsigned long long value) {
+#if defined(__CUDA_ARCH__)
+    atomicMin(cell, value);
+#else
+    unsigned long long old = __atomic_load_n(cell, __ATOMIC_RELAXED);
+    while (value < old &&
+           !__atomic_compare_exchange_n(cell, &old, value, true, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
     }
 #endif
 }
@@ -86,37 +88,56 @@ DEVICE_HOST float fmaF(float a, float b, float c) {
 // Largest finite float32, bit pattern 0x7F7FFFFF: the depth clear value.
 constexpr float kDepthClear = 3.40282346638528859811704183484516925e+38f;
 
-// The sampling rule of an 8-bit, one-channel linear-filtered texture read as
-// normalised float: with xb = x - 0.5 and yb = y - 0.5, blend the four texels
-// around (xb, yb) (indices clamped to the image) with the fractions of xb and
-// yb kept to 8 fractional bits; a byte v reads as v / 255.
-DEVICE_HOST float sampleBilinearU8(const uint8_t* data, int width, int height, size_t pitch,
-                                   float x, float y) {
+// What the texture unit returns for a linear-filtered fetch of an 8-bit,
+// one-channel texture read as normalised float, with clamped addressing and
+// texel coordinates. Measured on the hardware and reproduced here exactly:
+//   - xb = x - 0.5 and yb = y - 0.5; the texel pair along each axis starts at
+//     floor(xb), and the weight of the second texel is a = frac(xb) in 1/256,
+//     rounded half up (a = 256 moves to the next texel with weight 0);
+//   - texel indices are clamped to the image;
+//   - of the four weight products only the one of the far corner is rounded,
+//     w11 = round_half_up(a b / 256); the others follow from it so that the
+//     four sum to 256 exactly: w10 = a - w11, w01 = b - w11,
+//     w00 = 256 - a - b + w11;
+//   - S = sum of texel times weight (bytes times 1/256), and the result is the
+//     16-bit normalised value round(S 257 / 256) / 65535, as float.
+// At a texel centre this is exactly byte / 255.
+DEVICE_HOST int textureWeight256(float coordinate, int& first) {
+    const float floorValue = floorf(coordinate);
+    const float scaled = (coordinate - floorValue) * 256.0f;  // exact: a power-of-two scale of [0, 1)
+    int a = int(scaled);
+    if (scaled - float(a) >= 0.5f) ++a;
+    first = int(floorValue);
+    if (a == 256) {
+        ++first;
+        a = 0;
+    }
+    return a;
+}
+
+DEVICE_HOST float sampleBilinearU8(const uint8_t* data, int width, int height, size_t pitch, float x, float y) {
     float xb = x - 0.5f;
     float yb = y - 0.5f;
     // Far outside the image every texel clamps to the edge; keeping the
-    // coordinate in range first keeps the integer conversion defined.
+    // coordinate in range first keeps the integer conversion defined (NaN
+    // goes to the low edge).
     if (!(xb > -2.0f)) xb = -2.0f;
     if (!(yb > -2.0f)) yb = -2.0f;
     if (xb > float(width) + 1.0f) xb = float(width) + 1.0f;
     if (yb > float(height) + 1.0f) yb = float(height) + 1.0f;
-    const float fx = floorf(xb);
-    const float fy = floorf(yb);
-    const int i0 = int(fx);
-    const int j0 = int(fy);
-    // 9-bit fixed point weights with 8 fractional bits, rounded to nearest.
-    const float a = rintf((xb - fx) * 256.0f) * (1.0f / 256.0f);
-    const float b = rintf((yb - fy) * 256.0f) * (1.0f / 256.0f);
+    int i0, j0;
+    const int a = textureWeight256(xb, i0);
+    const int b = textureWeight256(yb, j0);
+    const int w11 = (a * b + 128) >> 8;
+    const int w10 = a - w11, w01 = b - w11, w00 = 256 - a - b + w11;
     auto clampi = [](int v, int hi) { return v < 0 ? 0 : (v > hi ? hi : v); };
     const int x0 = clampi(i0, width - 1), x1 = clampi(i0 + 1, width - 1);
     const int y0 = clampi(j0, height - 1), y1 = clampi(j0 + 1, height - 1);
-    const float t00 = float(data[size_t(y0) * pitch + x0]) / 255.0f;
-    const float t10 = float(data[size_t(y0) * pitch + x1]) / 255.0f;
-    const float t01 = float(data[size_t(y1) * pitch + x0]) / 255.0f;
-    const float t11 = float(data[size_t(y1) * pitch + x1]) / 255.0f;
-    const float top = (1.0f - a) * t00 + a * t10;
-    const float bottom = (1.0f - a) * t01 + a * t11;
-    return (1.0f - b) * top + b * bottom;
+    const uint8_t* row0 = data + size_t(y0) * pitch;
+    const uint8_t* row1 = data + size_t(y1) * pitch;
+    const int S = row0[x0] * w00 + row0[x1] * w10 + row1[x0] * w01 + row1[x1] * w11;
+    const int value16 = (S * 257 + 128) >> 8;
+    return float(value16) / 65535.0f;
 }
 
 // A layered stack of 8-bit images behind a linear-filtered texture. On CUDA
