@@ -70,33 +70,33 @@ struct CpuBackend {
         recordKernelLaunch<F>(elements, spent.count());
     }
 
-    // Grid n/block + 1 blocks of `block` threads; f(id) for every thread.
-    template <class F>
-    void launch1D(int n, int block, const F& f) {
-        const long long total = (long long)gridBlocks(n, block) * block;
-        timed<F>(n, [&] {
-            const auto run = [&](long long begin, long long end) {
+    // Grid n/Block + 1 blocks of Block threads; f(id) for every thread.
+    template <int Block, class F>
+    void launch(ElementRun<Block> run, const F& f) {
+        const long long total = (long long)gridBlocks(run.n, Block) * Block;
+        timed<F>(run.n, [&] {
+            const auto body = [&](long long begin, long long end) {
                 for (long long id = begin; id < end; ++id) f(int(id));
             };
-            if (total < kParallelMinimum || cpuThreadCount() == 1) return run(0, total);
+            if (total < kParallelMinimum || cpuThreadCount() == 1) return body(0, total);
             tbb::parallel_for(tbb::blocked_range<long long>(0, total, kParallelMinimum / 4),
-                              [&](const tbb::blocked_range<long long>& r) { run(r.begin(), r.end()); });
+                              [&](const tbb::blocked_range<long long>& r) { body(r.begin(), r.end()); });
         });
     }
 
-    // Grid (w/bx + 1) x (h/by + 1) of bx x by blocks; f(x, y) for every thread.
-    template <class F>
-    void launch2D(int width, int height, int bx, int by, const F& f) {
-        const int spanX = int(gridBlocks(width, bx)) * bx;
-        const int spanY = int(gridBlocks(height, by)) * by;
-        timed<F>(double(width) * height, [&] {
-            const auto run = [&](int begin, int end) {
+    // Grid (w/BX + 1) x (h/BY + 1) of BX x BY blocks; f(x, y) for every thread.
+    template <int BX, int BY, class F>
+    void launch(CellGrid<BX, BY> grid, const F& f) {
+        const int spanX = int(gridBlocks(grid.width, BX)) * BX;
+        const int spanY = int(gridBlocks(grid.height, BY)) * BY;
+        timed<F>(double(grid.width) * grid.height, [&] {
+            const auto body = [&](int begin, int end) {
                 for (int y = begin; y < end; ++y)
                     for (int x = 0; x < spanX; ++x) f(x, y);
             };
-            if ((long long)spanX * spanY < kParallelMinimum || cpuThreadCount() == 1) return run(0, spanY);
+            if ((long long)spanX * spanY < kParallelMinimum || cpuThreadCount() == 1) return body(0, spanY);
             tbb::parallel_for(tbb::blocked_range<int>(0, spanY, 2),
-                              [&](const tbb::blocked_range<int>& r) { run(r.begin(), r.end()); });
+                              [&](const tbb::blocked_range<int>& r) { body(r.begin(), r.end()); });
         });
     }
 

@@ -1,9 +1,8 @@
-// CPU and CUDA backends compute the same numbers. Where a result passes
-// through no atomic float sum and no texture fetch, the two agree bit for
-// bit; the z-buffer's depth is an atomic minimum over the same candidates,
-// so it agrees bit for bit too, while the facet index may differ only where
-// two facets tie. Texture fetches and atomic sums are compared within
-// tolerances argued at each test. Skipped where no CUDA device answers.
+// CPU and CUDA backends compute the same numbers, bit for bit: the same
+// float operations, a CPU sampler that returns what the texture unit
+// returns, a z-buffer that resolves contested pixels the same way on any
+// schedule, and gradient sums in fixed point. Skipped where no CUDA device
+// answers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -102,9 +101,8 @@ TEST_F(BackendParity, ZBufferDepthIsBitIdenticalForFacetCountsAroundTheBlock) {
                                           depth[k].data(), facet[k].data(), bb[k].data(), bc[k].data());
         });
         EXPECT_TRUE(sameBits(depth[0], depth[1])) << nf << " facets";
-        size_t differ = 0;
-        for (size_t e = 0; e < facet[0].size(); ++e) differ += facet[0][e] != facet[1][e];
-        EXPECT_LE(differ, facet[0].size() / 1000) << "facet ids may differ only at exact depth ties";
+        EXPECT_TRUE(sameBits(facet[0], facet[1])) << nf << " facets";
+        EXPECT_TRUE(sameBits(bb[0], bb[1]) && sameBits(bc[0], bc[1])) << nf << " facets";
     }
 }
 
@@ -112,9 +110,9 @@ TEST_F(BackendParity, ZBufferDepthIsBitIdenticalForFacetCountsAroundTheBlock) {
 // compute bit for bit alike (no contraction, IEEE division and square root).
 // With one centre for both cameras, random depths within 0.75% of the
 // target's depth map 4 keep every point visible, and the target's offset
-// of 500 turns them into +-0.94 pixel of random shift. If the CPU sampler's
-// rule (weights of 8 fractional bits, rounded to nearest) is the hardware's,
-// the fetches are bit-identical; the message tells how they differ if not.
+// of 500 turns them into +-0.94 pixel of random shift. The fetches through
+// a single-image array must be what the CPU sampler returns; the message
+// tells how they differ if not.
 TEST_F(BackendParity, TextureFetchesOfRandomBytesAtRandomPositionsAreBitIdentical) {
     const int W = 128, H = 96;
     const size_t n = size_t(W) * H;
@@ -170,55 +168,43 @@ TEST_F(BackendParity, TextureFetchesOfRandomBytesAtRandomPositionsAreBitIdentica
 }
 
 // Camera 0 against camera 1 of the plane scene, the flat mesh 0.03 in front
-// of the plane: the depth maps are bit-identical; the warp and the gradient
-// then run on each backend from the same maps and NCC derivative. Weights
-// one step of 1/256 off in x and in y move a fetch by at most 2 D / 256 grey
-// levels, D the largest neighbouring texel difference of the target, and a
-// central difference (two fetches with the same weights) by at most 4 D /
-// 256, as second and cross differences reach 2 D: 1.6% of the largest
-// difference. The pixel terms of a displaced mesh add with one sign per
-// vertex, so the sums move by about as much of the largest; 3% leaves a
-// factor two. Atomic sum order adds only rounding; pixel counts are exact.
-TEST_F(BackendParity, WarpAndPhotometricGradientAgreeWithinOneWeightStep) {
+// of the plane: renders, warp and gradient on each backend are bit-identical.
+TEST_F(BackendParity, RenderWarpAndPhotometricGradientAreBitIdentical) {
     const tessaline::test::PlaneScene s(2, 0.03);
     const auto& m = s.mesh;
     const int W = s.W, H = s.H;
     const size_t n = size_t(W) * H;
     const uint8_t* target = s.images.data() + n;
-    std::vector<float> depth[2][2], b[2], c[2], warped[2], grad[2], hits[2];
-    std::vector<int> facet[2];
+    std::vector<float> depth[2][2], b[2][2], c[2][2], warped[2], grad[2], hits[2];
+    std::vector<int> facet[2][2];
     onBoth([&](int k) {
         for (int cam : {0, 1}) {
             depth[k][cam].assign(n, tessaline::kDepthClear);
-            facet[cam].assign(n, -1);
-            b[cam].assign(n, 0.0f);
-            c[cam].assign(n, 0.0f);
+            facet[k][cam].assign(n, -1);
+            b[k][cam].assign(n, -1.0f);
+            c[k][cam].assign(n, -1.0f);
             TriMesh_Image_ZBuffering_CUDA(m.numV(), m.vertices.data(), m.numF(), m.facets.data(), s.cameras[cam], 0,
-                                          0, W, H, depth[k][cam].data(), facet[cam].data(), b[cam].data(),
-                                          c[cam].data());
+                                          0, W, H, depth[k][cam].data(), facet[k][cam].data(), b[k][cam].data(),
+                                          c[k][cam].data());
         }
     });
-    EXPECT_TRUE(sameBits(depth[0][0], depth[1][0]) && sameBits(depth[0][1], depth[1][1]));
+    for (int cam : {0, 1})
+        EXPECT_TRUE(sameBits(depth[0][cam], depth[1][cam]) && sameBits(facet[0][cam], facet[1][cam]) &&
+                    sameBits(b[0][cam], b[1][cam]) && sameBits(c[0][cam], c[1][cam]))
+            << "camera " << cam;
+    const auto& facetMap = facet[0];
+    const auto& bMap = b[0];
+    const auto& cMap = c[0];
     onBoth([&](int k) {
         warped[k].assign(n, 7.0f);
-        Perspective_Image_Model_Image_Warp_CUDA(s.cameras[0], depth[0][0].data(), facet[0].data(), s.cameras[1],
-                                                depth[0][1].data(), facet[1].data(), target, W, H, warped[k].data());
+        Perspective_Image_Model_Image_Warp_CUDA(s.cameras[0], depth[0][0].data(), facetMap[0].data(), s.cameras[1],
+                                                depth[0][1].data(), facetMap[1].data(), target, W, H,
+                                                warped[k].data());
     });
-    int D = 0;
-    for (int y = 0; y + 1 < H; ++y)
-        for (int x = 0; x + 1 < W; ++x)
-            for (size_t next : {size_t(1), size_t(W)})
-                D = std::max(D, std::abs(target[y * W + x + next] - target[y * W + x]));
+    EXPECT_TRUE(sameBits(warped[0], warped[1]));
     int valid = 0;
-    float worst = 0.0f;
-    for (size_t e = 0; e < n; ++e) {
-        ASSERT_EQ(warped[0][e] == -1.0f, warped[1][e] == -1.0f) << "visibility differs at pixel " << e;
-        valid += warped[0][e] != -1.0f;
-        worst = std::max(worst, std::fabs(warped[1][e] - warped[0][e]));
-    }
+    for (size_t e = 0; e < n; ++e) valid += warped[0][e] != -1.0f;
     EXPECT_GT(valid, int(n / 4));
-    // 1e-4: a few float roundings of values up to 255.
-    EXPECT_LE(worst, 2.0f * D / 256.0f + 1e-4f) << "largest warp difference in grey levels, D = " << D;
     std::vector<float> A(s.images.begin(), s.images.begin() + n), g(n), cc(n), normals;
     std::vector<uint8_t> mask(n);
     Compute_NCCGrad_CUDA(W, H, A.data(), warped[0].data(), g.data(), cc.data(), mask.data(), 2);
@@ -227,25 +213,22 @@ TEST_F(BackendParity, WarpAndPhotometricGradientAgreeWithinOneWeightStep) {
         grad[k].assign(3 * size_t(m.numV()), 0.0f);
         hits[k].assign(size_t(m.numV()), 0.0f);
         AddPhotometricGradient_ImagePair_CUDA(m.numF(), m.facets.data(), normals.data(), W, H, s.cameras[0],
-                                              s.images.data(), depth[0][0].data(), facet[0].data(), s.cameras[1],
-                                              target, depth[0][1].data(), facet[1].data(), b[0].data(), c[0].data(),
+                                              s.images.data(), depth[0][0].data(), facetMap[0].data(), s.cameras[1],
+                                              target, depth[0][1].data(), facetMap[1].data(), bMap[0].data(),
+                                              cMap[0].data(),
                                               g.data(), mask.data(), 2.0f, 2.0f, m.numV(), grad[k].data(),
                                               hits[k].data());
     });
-    EXPECT_EQ(hits[1], hits[0]);
+    EXPECT_TRUE(sameBits(hits[0], hits[1]));
+    EXPECT_TRUE(sameBits(grad[0], grad[1]));
     float largest = 0.0f;
     for (float v : grad[0]) largest = std::max(largest, std::fabs(v));
-    ASSERT_GT(largest, 0.0f);
-    for (size_t i = 0; i < grad[0].size(); ++i) EXPECT_NEAR(grad[1][i], grad[0][i], 0.03f * largest) << i;
+    EXPECT_GT(largest, 0.0f);
 }
 
 // The whole optimisation, four iterations on three cameras with the flat
-// mesh 0.03 in front of the plane. Each iteration's gradient differs by the
-// atomic sum order (rounding only) and by texture weights a step apart (~3%
-// of the largest vertex gradient, see above); the descent contracts toward
-// the plane, so the vertices stay within 5% of the largest move in z of
-// each other, and both close the same share of the gap, to 2% of it.
-TEST_F(BackendParity, MeshOptimizationMovesTheVerticesAlike) {
+// mesh 0.03 in front of the plane: the same vertices, bit for bit.
+TEST_F(BackendParity, MeshOptimizationGivesTheSameVertices) {
     const tessaline::test::PlaneScene s(3, 0.03);
     const auto& m = s.mesh;
     const std::vector<uint8_t> pairs(9, 1);
@@ -258,17 +241,10 @@ TEST_F(BackendParity, MeshOptimizationMovesTheVerticesAlike) {
                                           s.H, s.cameras.data(), s.images.data(), 4, pairs.data(), true);
         ::testing::internal::GetCapturedStdout();
     });
-    float moved = 0.0f, apart = 0.0f;
-    double gap[2] = {0.0, 0.0};
-    for (size_t i = 0; i < v[0].size(); ++i) {
-        apart = std::max(apart, std::fabs(v[1][i] - v[0][i]));
-        if (i % 3 != 2) continue;
-        moved = std::max(moved, std::fabs(v[0][i] - m.vertices[i]));
-        for (int k : {0, 1}) gap[k] += std::fabs(v[k][i]) / m.numV();
-    }
-    EXPECT_LE(apart, 0.05f * moved);
-    EXPECT_NEAR(gap[1], gap[0], 0.02 * 0.03);
-    EXPECT_LT(gap[0], 0.8 * 0.03);
+    EXPECT_TRUE(sameBits(v[0], v[1]));
+    float moved = 0.0f;
+    for (size_t i = 2; i < v[0].size(); i += 3) moved = std::max(moved, std::fabs(v[0][i] - m.vertices[i]));
+    EXPECT_GT(moved, 0.0f);
 }
 
 }  // namespace

@@ -18,14 +18,14 @@ TEST(CpuBackendLaunch, EveryThreadOfTheGridRunsExactlyOnce) {
     for (int n : {1, 4095, 4096, 100000, 100001}) {
         const long long total = (long long)gridBlocks(n, kWideBlock) * kWideBlock;
         std::vector<std::atomic<int>> runs(size_t(total) + 1);
-        CpuBackend().launch1D(n, kWideBlock, [&](int id) { runs[size_t(id)]++; });
+        CpuBackend().launch(WideRun{n}, [&](int id) { runs[size_t(id)]++; });
         for (long long id = 0; id <= total; ++id) ASSERT_EQ(runs[size_t(id)], id < total ? 1 : 0) << n << " " << id;
     }
     for (auto [w, h] : {std::pair{20, 30}, {64, 64}, {641, 481}, {1000, 7}}) {
         const int spanX = int(gridBlocks(w, kImageBlock)) * kImageBlock;
         const int spanY = int(gridBlocks(h, kImageBlock)) * kImageBlock;
         std::vector<std::atomic<int>> runs(size_t(spanX) * spanY);
-        CpuBackend().launch2D(w, h, kImageBlock, kImageBlock, [&](int x, int y) {
+        CpuBackend().launch(ImageGrid{w, h}, [&](int x, int y) {
             ASSERT_TRUE(x >= 0 && x < spanX && y >= 0 && y < spanY);
             runs[size_t(y) * spanX + x]++;
         });

@@ -17,8 +17,8 @@ TEST(ArrayFills, FillExactlyTheirCount) {
     for (int n : {0, 1, 511, 512, 513}) {
         std::vector<float> f(size_t(n) + 4, -3.0f);
         std::vector<int> i(size_t(n) + 4, -3);
-        CpuBackend().launch1D(n, kWideBlock, Kernel_Set_FloatArray{n, f.data(), 2.5f});
-        CpuBackend().launch1D(n, kWideBlock, Kernel_Set_IntArray{n, i.data(), 9});
+        CpuBackend().launch(WideRun{n}, Kernel_Set_FloatArray{n, f.data(), 2.5f});
+        CpuBackend().launch(WideRun{n}, Kernel_Set_IntArray{n, i.data(), 9});
         for (int k = 0; k < n + 4; ++k) {
             ASSERT_EQ(f[k], k < n ? 2.5f : -3.0f) << n << " " << k;
             ASSERT_EQ(i[k], k < n ? 9 : -3) << n << " " << k;

@@ -96,23 +96,24 @@ struct OnePixel {
         ref.K[2] = ref.K[5] = 20.0f;
         tar.P[2] = 16.3f, tar.P[3] = 4.0f, tar.P[6] = 17.6f, tar.P[10] = 1.0f;
         CpuBackend be;
+        const FixedPointScale scale = fixedPointScaleFor(1.0f);
+        std::vector<unsigned long long> sums(9, 0);
         if (perPair) {
             Texture2D target = be.makeTexture2D(ramp.data(), W, H);
-            be.launch2D(W, H, kImageBlock, kImageBlock,
-                        Kernel_AddPhotometricGradient_ImagePair_CUDA{
+            be.launch(ImageGrid{W, H}, Kernel_AddPhotometricGradient_ImagePair_CUDA{
                             1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), tar, nullptr,
-                            nullptr, b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3, grad.data(),
-                            hits.data(), target});
+                            nullptr, b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3, sums.data(),
+                            scale.toFixed, hits.data(), target});
             be.releaseTexture2D(target);
-            return;
+        } else {
+            LayeredTexture tex = be.makeLayeredTexture(ramp.data(), W, H, 1);
+            be.launch(ImageGrid{W, H}, Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
+                            1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), 0, tar,
+                            nullptr, nullptr, 0, b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3,
+                            sums.data(), scale.toFixed, hits.data(), tex});
+            be.releaseLayeredTexture(tex);
         }
-        LayeredTexture tex = be.makeLayeredTexture(ramp.data(), W, H, 1);
-        be.launch2D(W, H, kImageBlock, kImageBlock,
-                    Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
-                        1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), 0, tar, nullptr,
-                        nullptr, 0, b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3, grad.data(),
-                        hits.data(), tex});
-        be.releaseLayeredTexture(tex);
+        for (int i = 0; i < 9; ++i) grad[i] = fromFixedPoint(sums[i], scale.toFloat);
     }
 };
 
@@ -146,11 +147,15 @@ TEST(PhotometricGradient, PerPairCosineLimitIsTheDoubleMinusOneHundredth) {
 
 TEST(PairCounting, CountsEachVertexOncePerPairAndAveragesOverPairs) {
     CpuBackend be;
-    std::vector<float> count(4, 0.0f), grad = {3, 6, 9, 1, 1, 1, 5, 5, 5, 2, 4, 8};
+    const FixedPointScale scale = fixedPointScaleFor(1.0f);
+    std::vector<float> count(4, 0.0f), grad(12, 7.0f);
+    std::vector<unsigned long long> sums;
+    for (float g : {3, 6, 9, 1, 1, 1, 5, 5, 5, 2, 4, 8}) sums.push_back(toFixedPoint(g, scale.toFixed));
     std::vector<uint8_t> updateMask(4, 9);
     for (const std::vector<float>& hits : {std::vector<float>{7, 0, 1, 0}, {2, 0, 0, 0}})
-        be.launch1D(4, kWideBlock, Kernel_Update_Vt_Image_Pair_Count{4, count.data(), hits.data()});
-    be.launch1D(4, kWideBlock, Kernel_Normalize_GRAD_PHOTO{4, grad.data(), count.data(), updateMask.data()});
+        be.launch(WideRun{4}, Kernel_Update_Vt_Image_Pair_Count{4, count.data(), hits.data()});
+    be.launch(WideRun{4}, Kernel_Normalize_GRAD_PHOTO{4, grad.data(), count.data(), updateMask.data(), sums.data(),
+                                            scale.toFloat});
     EXPECT_EQ(count, (std::vector<float>{2, 0, 1, 0}));
     EXPECT_EQ(grad, (std::vector<float>{1.5f, 3, 4.5f, 0, 0, 0, 5, 5, 5, 0, 0, 0}));
     EXPECT_EQ(updateMask, (std::vector<uint8_t>{1, 0, 1, 0}));

@@ -31,8 +31,7 @@ struct WarpInputs {
                                                 stack.data() + size_t(W) * H, W, H, warped.data());
         CpuBackend be;
         LayeredTexture tex = be.makeLayeredTexture(stack.data(), W, H, 2);
-        be.launch2D(W, H, kImageBlock, kImageBlock,
-                    Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
+        be.launch(ImageGrid{W, H}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
                         ref, depthRef.data(), facetRef.data(), 0, tar, depthTar.data(), nullptr, 1, W, H,
                         integrated.data(), tex});
         be.releaseLayeredTexture(tex);

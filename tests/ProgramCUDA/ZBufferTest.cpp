@@ -1,6 +1,7 @@
 // The z-buffer against an independent brute-force render in double
 // precision, on every backend present.
 #include <gtest/gtest.h>
+#include <tbb/task_arena.h>
 
 #include <algorithm>
 #include <cmath>
@@ -146,6 +147,65 @@ TEST_P(ZBuffer, AreasAndFacetsThatCannotShowRenderNothing) {
     }
 }
 
+// Coincident facets tie in depth at every pixel: the pixel goes to the last
+// of them in facet order (as one thread walking the facets would leave it),
+// with that facet's weights, and the area they do not cover keeps what the
+// caller put there, weights included. Seen from behind, they leave -1 and
+// weights -1.0.
+TEST_P(ZBuffer, TiesGoToTheLastFacetAndUncoveredPixelsKeepTheirValues) {
+    const int W = 160, H = 120;
+    const mycamera_cuda cam = frontCamera(150.0, 80.2, 60.1);
+    const std::vector<float> v = {-0.6f, -0.45f, 2.0f, 0.65f, -0.4f, 2.0f, -0.05f, 0.55f, 2.4f};
+    for (bool front : {true, false}) {
+        std::vector<int> facets;
+        for (int copy = 0; copy < 600; ++copy) facets.insert(facets.end(), {0, front ? 2 : 1, front ? 1 : 2});
+        const size_t n = size_t(W) * H;
+        tessaline::test::ZRender r{std::vector<float>(n, kClear), std::vector<float>(n, 7.0f),
+                                   std::vector<float>(n, 8.0f), std::vector<int>(n, -1)};
+        TriMesh_Image_ZBuffering_CUDA(3, v.data(), int(facets.size() / 3), facets.data(), cam, 0, 0, W, H,
+                                      r.depth.data(), r.facet.data(), r.b.data(), r.c.data());
+        int covered = 0;
+        for (size_t e = 0; e < n; ++e) {
+            if (r.depth[e] == kClear) {
+                ASSERT_TRUE(r.facet[e] == -1 && r.b[e] == 7.0f && r.c[e] == 8.0f) << "pixel " << e;
+                continue;
+            }
+            ++covered;
+            ASSERT_EQ(r.facet[e], front ? 599 : -1) << "pixel " << e;
+            if (front)
+                ASSERT_TRUE(r.b[e] >= 0.0f && r.c[e] >= 0.0f && r.b[e] + r.c[e] <= 1.0f) << "pixel " << e;
+            else
+                ASSERT_TRUE(r.b[e] == -1.0f && r.c[e] == -1.0f) << "pixel " << e;
+        }
+        EXPECT_GT(covered, 2000);
+    }
+}
+
 TESSALINE_INSTANTIATE_ON_BACKENDS(ZBuffer);
+
+// The CPU backend gives the same bytes with one worker thread as with all:
+// a render of many overlapping facets, large enough to run in parallel.
+TEST(ZBufferThreads, RenderIsTheSameOnOneThreadAndOnAll) {
+    const int W = 320, H = 240;
+    const mycamera_cuda cam = frontCamera(300.0, 160.3, 120.6);
+    std::mt19937 rng(99);
+    std::uniform_real_distribution<float> U(-1.0f, 1.0f), Z(2.0f, 6.0f);
+    std::vector<float> v;
+    std::vector<int> f;
+    for (int t = 0; t < 9000; ++t) {
+        const float cx = 0.4f * U(rng), cy = 0.3f * U(rng), cz = float(int(Z(rng)));  // equal depths: ties
+        for (int k = 0; k < 3; ++k) {
+            v.insert(v.end(), {(cx + 0.1f * U(rng)) * cz, (cy + 0.1f * U(rng)) * cz, cz});
+            f.push_back(int(v.size() / 3) - 1);
+        }
+    }
+    tessaline::test::ZRender one, all;
+    tbb::task_arena(1).execute([&] { one = zbuffer(v, f, cam, W, H); });
+    all = zbuffer(v, f, cam, W, H);
+    EXPECT_EQ(one.depth, all.depth);
+    EXPECT_EQ(one.facet, all.facet);
+    EXPECT_EQ(one.b, all.b);
+    EXPECT_EQ(one.c, all.c);
+}
 
 }  // namespace

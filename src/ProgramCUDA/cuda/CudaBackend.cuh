@@ -34,14 +34,17 @@ cudaEvent_t beginKernelTiming();
 void endKernelTiming(cudaEvent_t start, const std::string& kernel, double elements, double floorBytes);
 double deviceCopyBandwidthGBs();
 
-template <class F>
-__global__ void launchKernel1D(F f) {
+// Trampolines: each kernel body is compiled for the block it is launched
+// with, so the compiler keeps its registers within what that block may hold
+// (and the resource report names the block with the kernel).
+template <int Block, class F>
+__global__ void __launch_bounds__(Block) launchKernel1D(F f) {
     const int id = int(blockDim.x * blockIdx.x + threadIdx.x);
     f(id);
 }
 
-template <class F>
-__global__ void launchKernel2D(F f) {
+template <int BX, int BY, class F>
+__global__ void __launch_bounds__(BX * BY) launchKernel2D(F f) {
     const int x = int(blockDim.x * blockIdx.x + threadIdx.x);
     const int y = int(blockDim.y * blockIdx.y + threadIdx.y);
     f(x, y);
@@ -86,17 +89,20 @@ struct CudaBackend {
         if (start) endKernelTiming(start, kernelTypeName<F>(), elements, elements * KernelFloorBytes<F>::perElement);
     }
 
-    template <class F>
-    void launch1D(int n, int block, const F& f) {
+    template <int Block, class F>
+    void launch(ElementRun<Block> run, const F& f) {
         if (failed) return;
-        timed<F>(n, [&] { launchKernel1D<F><<<dim3(gridBlocks(n, block), 1, 1), dim3(block, 1, 1)>>>(f); });
+        timed<F>(run.n, [&] {
+            launchKernel1D<Block, F><<<dim3(gridBlocks(run.n, Block), 1, 1), dim3(Block, 1, 1)>>>(f);
+        });
     }
 
-    template <class F>
-    void launch2D(int width, int height, int bx, int by, const F& f) {
+    template <int BX, int BY, class F>
+    void launch(CellGrid<BX, BY> grid, const F& f) {
         if (failed) return;
-        timed<F>(double(width) * height, [&] {
-            launchKernel2D<F><<<dim3(gridBlocks(width, bx), gridBlocks(height, by), 1), dim3(bx, by, 1)>>>(f);
+        timed<F>(double(grid.width) * grid.height, [&] {
+            launchKernel2D<BX, BY, F>
+                <<<dim3(gridBlocks(grid.width, BX), gridBlocks(grid.height, BY), 1), dim3(BX, BY, 1)>>>(f);
         });
     }
 

@@ -92,6 +92,18 @@ struct Kernel_Set_IntArray {
     }
 };
 
+// Clears fixed-point sums (kernels/FixedPointSum.h).
+struct Kernel_Clear_FixedPointSums {
+    static constexpr int kFloorBytesPerElement = 8;  // one sum written
+    int n;
+    unsigned long long* sums;
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id < 0 || id >= n) return;
+        sums[id] = 0;
+    }
+};
+
 // v <- v - gradient * step for the three coordinates of vertex id, each one
 // fused multiply-add.
 DEVICE_HOST void gradientStep(float* vertices, const float* gradient, float step, int id) {

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "DeviceCommon.h"
+#include "kernels/FixedPointSum.h"
 #include "kernels/PairGeometry.h"
 #include "mycamera.h"
 
@@ -22,7 +23,8 @@ constexpr double kIntegratedCosineLimit = -0.1;
 // One pixel of a gradient accumulation. `k` is a gradient kernel record with
 // the fields facets, facet_normals, num_f, width, height, camera_ref,
 // depth_ref, facet_ref, camera_tar, bary_b_ref, bary_c_ref, ncc_grad,
-// visible_mask, mean_depth_ref, mean_depth_tar, grad_photo and vt_pair_hits;
+// visible_mask, mean_depth_ref, mean_depth_tar, grad_photo_sum, to_fixed and
+// vt_pair_hits;
 // `fetch(x, y)` samples the target image (0..1) at texel coordinates.
 template <class GradientKernel, class Fetch>
 DEVICE_HOST void addPhotometricGradientPixel(const GradientKernel& k, int x, int y, double cosineLimit,
@@ -81,7 +83,8 @@ DEVICE_HOST void addPhotometricGradientPixel(const GradientKernel& k, int x, int
     const float weight[3] = {1.0f - b - c, b, c};
     for (int m = 0; m < 3; ++m) {
         const float a = (s * weight[m]) * D;
-        for (int q = 0; q < 3; ++q) atomicAddFloat(k.grad_photo + 3 * vertex[m] + q, a * N[q]);
+        for (int q = 0; q < 3; ++q)
+            atomicAddU64(k.grad_photo_sum + 3 * vertex[m] + q, toFixedPoint(a * N[q], k.to_fixed));
     }
     for (int m = 0; m < 3; ++m) atomicAddFloat(k.vt_pair_hits + vertex[m], 1.0f);
 }
@@ -110,7 +113,8 @@ struct Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA {
     float mean_depth_ref;
     float mean_depth_tar;
     int num_v;  // not read
-    float* grad_photo;
+    unsigned long long* grad_photo_sum;  // GRAD_PHOTO before normalisation, fixed point
+    float to_fixed;
     float* vt_pair_hits;
     LayeredTexture tex_imgs;
 
@@ -134,19 +138,22 @@ struct Kernel_Update_Vt_Image_Pair_Count {
 };
 
 // Sum over pixels within a pair, mean over pairs; a vertex no pair reached
-// gets exactly zero and update mask 0.
+// gets exactly zero and update mask 0. The sums arrive in fixed point and
+// leave GRAD_PHOTO as floats.
 struct Kernel_Normalize_GRAD_PHOTO {
-    static constexpr int kFloorBytesPerElement = 17;  // pair count read, gradient and update mask written
+    static constexpr int kFloorBytesPerElement = 41;  // pair count and sums read, gradient and update mask written
     int num_v;
     float* grad_photo;
     const float* vt_pair_count;
     uint8_t* vt_update_mask;
+    const unsigned long long* grad_photo_sum;
+    float to_float;
 
     DEVICE_HOST void operator()(int id) const {
         if (id < 0 || id >= num_v) return;
         const float n = vt_pair_count[id];
         if (n >= 1.0f) {
-            for (int k = 0; k < 3; ++k) grad_photo[3 * id + k] = grad_photo[3 * id + k] / n;
+            for (int k = 0; k < 3; ++k) grad_photo[3 * id + k] = fromFixedPoint(grad_photo_sum[3 * id + k], to_float) / n;
             vt_update_mask[id] = 1;
         } else {
             for (int k = 0; k < 3; ++k) grad_photo[3 * id + k] = 0.0f;

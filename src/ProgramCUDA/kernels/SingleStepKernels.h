@@ -55,7 +55,8 @@ struct Kernel_AddPhotometricGradient_ImagePair_CUDA {
     float mean_depth_ref;
     float mean_depth_tar;
     int num_v;  // not read
-    float* grad_photo;
+    unsigned long long* grad_photo_sum;  // this call's sums, fixed point
+    float to_fixed;
     float* vt_pair_hits;
     Texture2D tex_ref_img;  // the target image
 

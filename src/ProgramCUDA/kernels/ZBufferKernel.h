@@ -8,17 +8,25 @@
 
 namespace tessaline {
 
-// Lowers *cell to value unless the cell already holds something smaller.
-// Returns true when value is not above what the cell held (ties included).
-DEVICE_HOST bool float_Atomic_Assign_If_Smaller(float* cell, float value) {
-    float old = atomicLoadFloat(cell);
-    for (;;) {
-        if (old < value) return false;
-        atomicCasFloatBits(cell, floatBits(old), floatBits(value));
-        const float now = atomicLoadFloat(cell);
-        if (floatBits(now) == floatBits(old)) return true;
-        old = now;
-    }
+// The z-buffer resolves each pixel in two passes over the facets, so that the
+// result does not depend on the order in which threads reach a pixel:
+//   1. every facet lowers, at each pixel it covers, a 64-bit key that packs
+//      its depth (high word, ordered like the float) and its index (low
+//      word, inverted, so that of two equal depths the later facet wins, as
+//      it would in facet order on one thread) with one atomic minimum;
+//   2. every facet walks its pixels again, and where the key is its own it
+//      writes the depth, its index (or -1 when it faces away) and its
+//      weights.
+// The depth left at a pixel is the smallest depth offered there, as a single
+// atomic minimum on the float would leave; the facet and weights are those
+// of the same facet, whatever the schedule.
+DEVICE_HOST unsigned orderedDepthBits(float depth) {
+    const unsigned u = floatBits(depth);
+    return (u & 0x80000000u) ? ~u : (u | 0x80000000u);
+}
+
+DEVICE_HOST unsigned long long depthFacetKey(float depth, int facet) {
+    return ((unsigned long long)orderedDepthBits(depth) << 32) | (unsigned long long)(~unsigned(facet));
 }
 
 // C = -R^T t in float32.
@@ -34,21 +42,20 @@ DEVICE_HOST void projectF(const float P[12], const float X[3], float& px, float&
     pw = P[8] * X[0] + P[9] * X[1] + P[10] * X[2] + P[11];
 }
 
-struct Kernel_TriMesh_Image_ZBuffering_CUDA {
-    static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
-    int num_v;
-    const float* vertices;
-    int num_f;
-    const int* facets;
-    mycamera_cuda camera;
-    int BU, BV, LU, LV;
-    float* depth_image;
-    int* facet_image;
-    float* bary_b_image;
-    float* bary_c_image;
+// One facet as the z-buffer sees it: its projection, pixel box, weight
+// increments and vertex distances. `kept` is false when the facet is dropped
+// whole: its box reaches into the 10-pixel margin of the area, which a
+// vertex behind the camera (image point (-1, -1)) always does.
+struct FacetRaster {
+    bool kept = false;
+    int xLo, xHi, yLo, yHi;
+    float r;                    // 1/det: front-facing when above 0
+    float d0, d1, d2;           // distances of the three vertices from the centre
+    float db_y, dc_y, db_x, dc_x;
+    float bCorner, cCorner;     // weights at (xLo, yLo)
 
-    DEVICE_HOST void operator()(int id) const {
-        if (id >= num_f || id < 0) return;
+    DEVICE_HOST FacetRaster(const float* vertices, const int* facets, int id, const mycamera_cuda& camera, int BU,
+                            int BV, int LU, int LV) {
         float C[3];
         cameraCentreF(camera, C);
         const int i0 = facets[3 * id], i1 = facets[3 * id + 1], i2 = facets[3 * id + 2];
@@ -57,45 +64,40 @@ struct Kernel_TriMesh_Image_ZBuffering_CUDA {
         const float X2[3] = {vertices[3 * i2], vertices[3 * i2 + 1], vertices[3 * i2 + 2]};
 
         float x0, y0, x1, y1, x2, y2;
-        imagePoint(X0, x0, y0);
-        imagePoint(X1, x1, y1);
-        imagePoint(X2, x2, y2);
+        imagePoint(camera, X0, x0, y0);
+        imagePoint(camera, X1, x1, y1);
+        imagePoint(camera, X2, x2, y2);
 
-        const int xLo = min3(truncD(double(x0) - 0.5), truncD(double(x1) - 0.5), truncD(double(x2) - 0.5)) - 1;
-        const int xHi = max3(truncD(double(x0) + 0.5), truncD(double(x1) + 0.5), truncD(double(x2) + 0.5)) + 1;
-        const int yLo = min3(truncD(double(y0) - 0.5), truncD(double(y1) - 0.5), truncD(double(y2) - 0.5)) - 1;
-        const int yHi = max3(truncD(double(y0) + 0.5), truncD(double(y1) + 0.5), truncD(double(y2) + 0.5)) + 1;
+        xLo = min3(truncD(double(x0) - 0.5), truncD(double(x1) - 0.5), truncD(double(x2) - 0.5)) - 1;
+        xHi = max3(truncD(double(x0) + 0.5), truncD(double(x1) + 0.5), truncD(double(x2) + 0.5)) + 1;
+        yLo = min3(truncD(double(y0) - 0.5), truncD(double(y1) - 0.5), truncD(double(y2) - 0.5)) - 1;
+        yHi = max3(truncD(double(y0) + 0.5), truncD(double(y1) + 0.5), truncD(double(y2) + 0.5)) + 1;
         if (xLo < BU + 10 || yLo < BV + 10 || xHi > BU + LU - 10 || yHi > BV + LV - 10) return;
+        kept = true;
 
         const float det = (y1 - y0) * (x2 - x0) - (x1 - x0) * (y2 - y0);
-        const float r = 1.0f / det;
+        r = 1.0f / det;
+        d0 = distance(X0, C);
+        d1 = distance(X1, C);
+        d2 = distance(X2, C);
+        db_y = r * (x2 - x0);
+        dc_y = r * (x0 - x1);
+        db_x = r * (y0 - y2);
+        dc_x = r * (y1 - y0);
+        bCorner = r * ((y0 - y2) * (float(xLo) - x2) - (x0 - x2) * (float(yLo) - y2));
+        cCorner = r * ((y1 - y0) * (float(xLo) - x0) - (x1 - x0) * (float(yLo) - y0));
+    }
 
-        const float d0 = distance(X0, C), d1 = distance(X1, C), d2 = distance(X2, C);
-
-        const float db_y = r * (x2 - x0), dc_y = r * (x0 - x1);
-        const float db_x = r * (y0 - y2), dc_x = r * (y1 - y0);
-
-        float bTop = r * ((y0 - y2) * (float(xLo) - x2) - (x0 - x2) * (float(yLo) - y2));
-        float cTop = r * ((y1 - y0) * (float(xLo) - x0) - (x1 - x0) * (float(yLo) - y0));
-
+    // visit(x, y, depth, b, c) for every pixel of the box inside the facet,
+    // columns outer and rows inner, the weights running by repeated addition.
+    // Edges and corners count as inside.
+    template <class Visit>
+    DEVICE_HOST void forEachPixel(const Visit& visit) const {
+        float bTop = bCorner, cTop = cCorner;
         for (int x = xLo; x <= xHi; ++x) {
             float b = bTop, c = cTop;
             for (int y = yLo; y <= yHi; ++y) {
-                if (b >= 0.0f && c >= 0.0f && b + c <= 1.0f) {
-                    const float depth = (1.0f - b - c) * d0 + b * d1 + c * d2;
-                    const int e = (y - BV) * LU + (x - BU);
-                    if (float_Atomic_Assign_If_Smaller(depth_image + e, depth)) {
-                        if (r > 0.0f) {
-                            facet_image[e] = id;
-                            bary_b_image[e] = b;
-                            bary_c_image[e] = c;
-                        } else {
-                            facet_image[e] = -1;
-                            bary_b_image[e] = -1.0f;
-                            bary_c_image[e] = -1.0f;
-                        }
-                    }
-                }
+                if (b >= 0.0f && c >= 0.0f && b + c <= 1.0f) visit(x, y, (1.0f - b - c) * d0 + b * d1 + c * d2, b, c);
                 b += db_y;
                 c += dc_y;
             }
@@ -105,7 +107,7 @@ struct Kernel_TriMesh_Image_ZBuffering_CUDA {
     }
 
    private:
-    DEVICE_HOST void imagePoint(const float X[3], float& u, float& v) const {
+    DEVICE_HOST static void imagePoint(const mycamera_cuda& camera, const float X[3], float& u, float& v) {
         float px, py, pw;
         projectF(camera.P, X, px, py, pw);
         if (pw > 0.0f) {
@@ -127,6 +129,87 @@ struct Kernel_TriMesh_Image_ZBuffering_CUDA {
     DEVICE_HOST static float distance(const float X[3], const float C[3]) {
         const float dx = X[0] - C[0], dy = X[1] - C[1], dz = X[2] - C[2];
         return sqrtf(dx * dx + dy * dy + dz * dz);
+    }
+};
+
+// Per pixel of the area: the key of the depth the pixel holds before the
+// render, with no facet (a facet of equal depth still wins the pixel).
+struct Kernel_Init_DepthKeys {
+    static constexpr int kFloorBytesPerElement = 12;  // depth read, key written
+    int n;
+    const float* depth_image;
+    unsigned long long* depth_keys;
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id < 0 || id >= n) return;
+        depth_keys[id] = depthFacetKey(depth_image[id], 0);
+    }
+};
+
+// Per pixel: the key of the depth clear value with no facet, for a render
+// whose depth buffer is cleared in the same schedule.
+struct Kernel_Clear_DepthKeys {
+    static constexpr int kFloorBytesPerElement = 8;  // key written
+    int n;
+    unsigned long long* depth_keys;
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id < 0 || id >= n) return;
+        depth_keys[id] = depthFacetKey(kDepthClear, 0);
+    }
+};
+
+// First pass, one thread per facet: the atomic minimum of (depth, facet)
+// keys over the pixels the facet covers.
+struct Kernel_TriMesh_Image_ZBuffering_CUDA {
+    static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
+    int num_v;  // not read
+    const float* vertices;
+    int num_f;
+    const int* facets;
+    mycamera_cuda camera;
+    int BU, BV, LU, LV;
+    unsigned long long* depth_keys;
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id >= num_f || id < 0) return;
+        const FacetRaster f(vertices, facets, id, camera, BU, BV, LU, LV);
+        if (!f.kept) return;
+        f.forEachPixel([&](int x, int y, float depth, float, float) {
+            atomicMinU64(depth_keys + ((y - BV) * LU + (x - BU)), depthFacetKey(depth, id));
+        });
+    }
+};
+
+// Second pass, one thread per facet: where the pixel's key is the facet's
+// own, the depth, the facet (or -1 and weights -1.0 when it faces away) and
+// the weights b and c of its second and third vertex.
+struct Kernel_TriMesh_Image_ZBuffering_Store {
+    static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
+    const float* vertices;
+    int num_f;
+    const int* facets;
+    mycamera_cuda camera;
+    int BU, BV, LU, LV;
+    const unsigned long long* depth_keys;
+    float* depth_image;
+    int* facet_image;
+    float* bary_b_image;
+    float* bary_c_image;
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id >= num_f || id < 0) return;
+        const FacetRaster f(vertices, facets, id, camera, BU, BV, LU, LV);
+        if (!f.kept) return;
+        const bool front = f.r > 0.0f;
+        f.forEachPixel([&](int x, int y, float depth, float b, float c) {
+            const int e = (y - BV) * LU + (x - BU);
+            if (depth_keys[e] != depthFacetKey(depth, id)) return;
+            depth_image[e] = depth;
+            facet_image[e] = front ? id : -1;
+            bary_b_image[e] = front ? b : -1.0f;
+            bary_c_image[e] = front ? c : -1.0f;
+        });
     }
 };
 

@@ -22,9 +22,10 @@
 //   scale. While it sees nothing it contributes no pixel anyway.
 // - No camera, or empty images, leave only the smoothness step: there is no
 //   image stack to build and no pair can see anything.
-// - Float additions of the gradient accumulation are atomic in no fixed order,
-//   on the device as on the CPU's threads, so GRAD_PHOTO (and what follows
-//   from it) may differ in the last bits between runs.
+// - Runs are reproducible: the z-buffer resolves contested pixels in a fixed
+//   way, and GRAD_PHOTO is summed in fixed point (a unit of 2^-50 of the
+//   largest mean depth), so the same input gives the same vertices, bit for
+//   bit, on every run, backend and thread count.
 #pragma once
 
 #include <algorithm>
@@ -43,6 +44,7 @@
 #include "wrappers/ArgumentChecks.h"
 #include "wrappers/NccWrappers.h"
 #include "wrappers/PrintfBracket.h"
+#include "wrappers/ZBufferWrapper.h"
 
 namespace tessaline {
 
@@ -134,6 +136,8 @@ struct MeshOptimizationCall {
     int* d_valence_offsets = nullptr;
     float* d_facet_normals = nullptr;
     float* GRAD_PHOTO = nullptr;
+    unsigned long long* d_grad_photo_sum = nullptr;  // GRAD_PHOTO before normalisation, fixed point
+    FixedPointScale gradScale;
     float* d_vt_pair_hits = nullptr;
     float* d_vt_pair_count = nullptr;
     uint8_t* d_vt_update_mask = nullptr;
@@ -144,6 +148,7 @@ struct MeshOptimizationCall {
     LayeredTexture d_img_stack;
     std::vector<float*> d_imgs, d_zbuffer, d_bary_b, d_bary_c;
     std::vector<int*> d_facet_id;
+    unsigned long long* d_depth_keys = nullptr;  // the render's (depth, facet) keys, one camera at a time
 
     // Work images shared by all pairs.
     float* d_warped = nullptr;
@@ -183,6 +188,7 @@ struct MeshOptimizationCall {
 
         d_facet_normals = be.template alloc<float>(3 * nf);
         GRAD_PHOTO = be.template alloc<float>(3 * nv);
+        d_grad_photo_sum = be.template alloc<unsigned long long>(3 * nv);
         d_vt_pair_hits = be.template alloc<float>(nv);
         d_vt_pair_count = be.template alloc<float>(nv);
         d_vt_update_mask = be.template alloc<uint8_t>(nv);
@@ -199,6 +205,7 @@ struct MeshOptimizationCall {
             d_bary_c[c] = be.template alloc<float>(px);
         }
         if (cams > 0) {
+            d_depth_keys = be.template alloc<unsigned long long>(px);
             d_warped = be.template alloc<float>(px);
             ncc.mask = be.template alloc<uint8_t>(px);
             for (float** image : nccFloatImages()) *image = be.template alloc<float>(px);
@@ -216,6 +223,8 @@ struct MeshOptimizationCall {
             be.release(*p);
         for (int** p : {&d_facets, &d_valence_list, &d_valence_counts, &d_valence_offsets}) be.release(*p);
         be.release(d_vt_update_mask);
+        be.release(d_grad_photo_sum);
+        be.release(d_depth_keys);
         for (auto* table : {&d_imgs, &d_zbuffer, &d_bary_b, &d_bary_c})
             for (float*& p : *table) be.release(p);
         for (int*& p : d_facet_id) be.release(p);
@@ -225,17 +234,16 @@ struct MeshOptimizationCall {
     }
 
     void fillFloat(int n, float* array, float value) {
-        be.launch1D(n, kWideBlock, Kernel_Set_FloatArray{n, array, value});
+        be.launch(WideRun{n}, Kernel_Set_FloatArray{n, array, value});
     }
 
     // Clears the render buffers of camera c and renders the current mesh.
     void render(int c) {
         fillFloat(pixelCount, d_zbuffer[c], kDepthClear);
-        be.launch1D(pixelCount, kWideBlock, Kernel_Set_IntArray{pixelCount, d_facet_id[c], -1});
-        be.launch1D(a.num_f, kWideBlock,
-                    Kernel_TriMesh_Image_ZBuffering_CUDA{a.num_v, d_vertices, a.num_f, d_facets, a.cameras[c], 0, 0,
-                                                         a.width, a.height, d_zbuffer[c], d_facet_id[c], d_bary_b[c],
-                                                         d_bary_c[c]});
+        be.launch(WideRun{pixelCount}, Kernel_Set_IntArray{pixelCount, d_facet_id[c], -1});
+        be.launch(WideRun{pixelCount}, Kernel_Clear_DepthKeys{pixelCount, d_depth_keys});
+        renderDepthKeys(be, a.num_v, d_vertices, a.num_f, d_facets, a.cameras[c], 0, 0, a.width, a.height,
+                        d_depth_keys, d_zbuffer[c], d_facet_id[c], d_bary_b[c], d_bary_c[c]);
     }
 
     // Mean depth of each camera's covered pixels in the mesh as it arrived.
@@ -268,25 +276,29 @@ struct MeshOptimizationCall {
         const float fallback = count > 0.0f ? sum / count : 0.0f;
         for (int c = 0; c < cams; ++c)
             if (!covered[c]) mean_depth[c] = fallback;
+        // The photometric terms grow with the scene's depth: the fixed-point
+        // unit of GRAD_PHOTO follows the largest mean depth.
+        float largest = 0.0f;
+        for (int c = 0; c < cams; ++c) largest = std::max(largest, mean_depth[c]);
+        gradScale = fixedPointScaleFor(largest);
     }
 
     // Warp, NCC chain and gradient accumulation of reference i, target j.
     void pairChain(int i, int j) {
         const mycamera_cuda& ci = a.cameras[i];
         const mycamera_cuda& cj = a.cameras[j];
-        const int w = a.width, h = a.height, b = kImageBlock;
+        const int w = a.width, h = a.height;
         fillFloat(a.num_v, d_vt_pair_hits, 0.0f);
-        be.launch2D(w, h, b, b,
-                    Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
+        be.launch(ImageGrid{w, h}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
                         ci, d_zbuffer[i], d_facet_id[i], i, cj, d_zbuffer[j], d_facet_id[j], j, w, h, d_warped,
                         d_img_stack});
         launchNccChain(be, w, h, d_imgs[i], d_warped, ncc, kOptimizationHalfWindow, true);
-        be.launch2D(w, h, b, b,
-                    Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
+        be.launch(ImageGrid{w, h}, Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
                         a.num_f, d_facets, d_facet_normals, w, h, ci, d_zbuffer[i], d_facet_id[i], i, cj,
                         d_zbuffer[j], d_facet_id[j], j, d_bary_b[i], d_bary_c[i], ncc.grad, ncc.mask,
-                        mean_depth[i], mean_depth[j], a.num_v, GRAD_PHOTO, d_vt_pair_hits, d_img_stack});
-        be.launch1D(a.num_v, kWideBlock, Kernel_Update_Vt_Image_Pair_Count{a.num_v, d_vt_pair_count, d_vt_pair_hits});
+                        mean_depth[i], mean_depth[j], a.num_v, d_grad_photo_sum, gradScale.toFixed, d_vt_pair_hits,
+                        d_img_stack});
+        be.launch(WideRun{a.num_v}, Kernel_Update_Vt_Image_Pair_Count{a.num_v, d_vt_pair_count, d_vt_pair_hits});
     }
 
     // Start of an iteration: clear the accumulators, take the normals of the
@@ -294,9 +306,9 @@ struct MeshOptimizationCall {
     // complete before the first pair reads two of them.
     void beginIteration() {
         const int nv = a.num_v;
-        fillFloat(3 * nv, GRAD_PHOTO, 0.0f);
+        be.launch(WideRun{3 * nv}, Kernel_Clear_FixedPointSums{3 * nv, d_grad_photo_sum});
         fillFloat(nv, d_vt_pair_count, 0.0f);
-        be.launch1D(a.num_f, kWideBlock, Kernel_Compute_FacetNormal{nv, d_vertices, a.num_f, d_facets, d_facet_normals});
+        be.launch(WideRun{a.num_f}, Kernel_Compute_FacetNormal{nv, d_vertices, a.num_f, d_facets, d_facet_normals});
         for (int c = 0; c < cameraCount(); ++c) render(c);
     }
 
@@ -309,8 +321,8 @@ struct MeshOptimizationCall {
 
     // GRAD_PHOTO: the sum over a pair's pixels, averaged over the pairs.
     void normalizeGradient() {
-        be.launch1D(a.num_v, kWideBlock,
-                    Kernel_Normalize_GRAD_PHOTO{a.num_v, GRAD_PHOTO, d_vt_pair_count, d_vt_update_mask});
+        be.launch(WideRun{a.num_v}, Kernel_Normalize_GRAD_PHOTO{a.num_v, GRAD_PHOTO, d_vt_pair_count, d_vt_update_mask,
+                                                d_grad_photo_sum, gradScale.toFloat});
     }
 
     void iteration() {
@@ -320,19 +332,17 @@ struct MeshOptimizationCall {
             for (int j = 0; j < cameraCount(); ++j)
                 if (isPair(i, j)) pairChain(i, j);
         normalizeGradient();
-        be.launch1D(nv, kWideBlock,
-                    Kernel_ComputeSmoothnessGradient{nv, d_vertices, a.num_f, d_facets, d_valence_list,
+        be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_vertices, a.num_f, d_facets, d_valence_list,
                                                      d_valence_counts, d_valence_offsets, d_grad_smooth, false});
-        be.launch1D(nv, kWideBlock,
-                    Kernel_ComputeSmoothnessGradient{nv, d_grad_smooth, a.num_f, d_facets, d_valence_list,
+        be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_grad_smooth, a.num_f, d_facets, d_valence_list,
                                                      d_valence_counts, d_valence_offsets, d_grad_smooth2, true});
         const float photometricStep = kBaseStep * kPhotometricWeight;            // 75.0
         const float secondOrderStep = float(double(kBaseStep) * 5.0);            // 0.5
-        be.launch1D(nv, kWideBlock, Kernel_GradientDescent{nv, d_vertices, GRAD_PHOTO, photometricStep});
+        be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices, GRAD_PHOTO, photometricStep});
         if (a.first_order_smoothing)
-            be.launch1D(nv, kWideBlock, Kernel_GradientDescent{nv, d_vertices, d_grad_smooth, kBaseStep});
+            be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices, d_grad_smooth, kBaseStep});
         else
-            be.launch1D(nv, kWideBlock, Kernel_GradientDescent{nv, d_vertices, d_grad_smooth2, secondOrderStep});
+            be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices, d_grad_smooth2, secondOrderStep});
     }
 };
 

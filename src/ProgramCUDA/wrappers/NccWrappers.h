@@ -35,25 +35,18 @@ struct NccWorkImages {
 template <class Backend>
 void launchNccChain(Backend& be, int width, int height, const float* imageA, const float* imageB,
                     const NccWorkImages& w, int halfWindow, bool throughGradient) {
-    const int b = kImageBlock;
-    be.launch2D(width, height, b, b, Kernel_Compute_VisibleMask_CUDA{width, height, imageB, w.mask, halfWindow});
-    be.launch2D(width, height, b, b, Kernel_Compute_Mean_CUDA{width, height, imageA, w.mask, w.meanA, halfWindow});
-    be.launch2D(width, height, b, b, Kernel_Compute_Mean_CUDA{width, height, imageB, w.mask, w.meanB, halfWindow});
-    be.launch2D(width, height, b, b,
-                Kernel_Compute_Var_CUDA{width, height, imageA, w.meanA, w.mask, w.varA, halfWindow});
-    be.launch2D(width, height, b, b,
-                Kernel_Compute_Var_CUDA{width, height, imageB, w.meanB, w.mask, w.varB, halfWindow});
-    be.launch2D(width, height, b, b,
-                Kernel_Compute_Cov_CUDA{width, height, imageA, w.meanA, w.varA, imageB, w.meanB, w.varB, w.mask,
+    be.launch(ImageGrid{width, height}, Kernel_Compute_VisibleMask_CUDA{width, height, imageB, w.mask, halfWindow});
+    be.launch(ImageGrid{width, height}, Kernel_Compute_Mean_CUDA{width, height, imageA, w.mask, w.meanA, halfWindow});
+    be.launch(ImageGrid{width, height}, Kernel_Compute_Mean_CUDA{width, height, imageB, w.mask, w.meanB, halfWindow});
+    be.launch(ImageGrid{width, height}, Kernel_Compute_Var_CUDA{width, height, imageA, w.meanA, w.mask, w.varA, halfWindow});
+    be.launch(ImageGrid{width, height}, Kernel_Compute_Var_CUDA{width, height, imageB, w.meanB, w.mask, w.varB, halfWindow});
+    be.launch(ImageGrid{width, height}, Kernel_Compute_Cov_CUDA{width, height, imageA, w.meanA, w.varA, imageB, w.meanB, w.varB, w.mask,
                                         w.cov, halfWindow});
-    be.launch2D(width, height, b, b,
-                Kernel_Compute_CC_CUDA{width, height, w.cov, w.varA, w.varB, w.mask, w.cc, halfWindow});
+    be.launch(ImageGrid{width, height}, Kernel_Compute_CC_CUDA{width, height, w.cov, w.varA, w.varB, w.mask, w.cc, halfWindow});
     if (!throughGradient) return;
-    be.launch2D(width, height, b, b,
-                Kernel_Compute_AlphaBetaGamma_CUDA{width, height, w.meanA, w.meanB, w.varA, w.varB, w.cc, w.mask,
+    be.launch(ImageGrid{width, height}, Kernel_Compute_AlphaBetaGamma_CUDA{width, height, w.meanA, w.meanB, w.varA, w.varB, w.cc, w.mask,
                                                    w.alpha, w.beta, w.gamma, halfWindow});
-    be.launch2D(width, height, b, b,
-                Kernel_Compute_NCCGrad_FromAlphaBetaGamma_CUDA{width, height, imageA, imageB, w.alpha, w.beta,
+    be.launch(ImageGrid{width, height}, Kernel_Compute_NCCGrad_FromAlphaBetaGamma_CUDA{width, height, imageA, imageB, w.alpha, w.beta,
                                                                w.gamma, w.mask, w.grad, halfWindow});
 }
 

@@ -60,7 +60,7 @@ void runSingleLaunchSweep(Backend& be, int num_neighbours, int width, int height
             std::printf("number of blocks: %u %u\n", gridBlocks(out_width, kSweepBlock),
                         gridBlocks(out_height, kSweepBlock));
         }
-        be.launch2D(out_width, out_height, kSweepBlock, kSweepBlock, makeKernel(d_cameras, d_depth, d_score, stack));
+        be.launch(SweepGrid{out_width, out_height}, makeKernel(d_cameras, d_depth, d_score, stack));
         printfRingShow(be);
         std::printf("copy back data...\n");
         std::fflush(stdout);
@@ -175,15 +175,12 @@ void planeSweepHomographyWrapper(Backend& be, int num_neighbours, int width, int
                 const float i = float(1.0 / double(s));
                 float H[9];
                 planeHomography(cameras[0], cameras[n], i, H);
-                be.launch2D(width, height, kSweepBlock, kSweepBlock,
-                            Kernel_Homography_Image_Warp_CUDA{width, height, n, H[0], H[1], H[2], H[3], H[4], H[5],
+                be.launch(SweepGrid{width, height}, Kernel_Homography_Image_Warp_CUDA{width, height, n, H[0], H[1], H[2], H[3], H[4], H[5],
                                                               H[6], H[7], H[8], d_warped, pitch, i, stack});
-                be.launch2D(out_width, out_height, kSweepBlock, kSweepBlock,
-                            Kernel_Add_MultiResolution_NCC_CUDA{width, height, num_levels, out_width, out_height,
+                be.launch(SweepGrid{out_width, out_height}, Kernel_Add_MultiResolution_NCC_CUDA{width, height, num_levels, out_width, out_height,
                                                                 subsample, k, d_cost, stack, warpedTex});
             }
-        be.launch2D(out_width, out_height, kSweepBlock, kSweepBlock,
-                    Kernel_Take_Best_Depth{num_neighbours, num_levels, out_width, out_height, subsample, cameras[0],
+        be.launch(SweepGrid{out_width, out_height}, Kernel_Take_Best_Depth{num_neighbours, num_levels, out_width, out_height, subsample, cameras[0],
                                            start, step, num_planes, d_cost, d_depth, d_score});
         printfRingShow(be);
         be.download(depth, d_depth, cells);

@@ -21,7 +21,7 @@ void checkFuncWrapper(Backend& be, const float* values, int num_values, int n, i
     float* d_values = be.template alloc<float>(size_t(num_values));
     if (!be.failed) {
         be.upload(d_values, values, size_t(num_values));
-        be.launch1D(n, Kernel_CHECK_FUNC::kBlock, Kernel_CHECK_FUNC{d_values, n, callIndex});
+        be.launch(ElementRun<Kernel_CHECK_FUNC::kBlock>{n}, Kernel_CHECK_FUNC{d_values, n, callIndex});
         be.synchronize();
     }
     be.release(d_values);

@@ -9,6 +9,7 @@
 // boundary or a part of the mesh fixed; a null mask moves every vertex.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <iostream>
 
@@ -87,8 +88,7 @@ void perspectiveWarpWrapper(Backend& be, const mycamera_cuda& camera_ref, const 
     be.upload(d_depth_tar, depth_tar, n);
     if (facet_tar) be.upload(d_facet_tar, facet_tar, n);
     if (!be.failed) {
-        be.launch2D(width, height, kImageBlock, kImageBlock,
-                    Kernel_Perspective_Image_Model_Image_Warp_CUDA{camera_ref, d_depth_ref, d_facet_ref, camera_tar,
+        be.launch(ImageGrid{width, height}, Kernel_Perspective_Image_Model_Image_Warp_CUDA{camera_ref, d_depth_ref, d_facet_ref, camera_tar,
                                                                    d_depth_tar, d_facet_tar, width, height, d_warped,
                                                                    target});
         printfRingShow(be);
@@ -153,6 +153,7 @@ void addPhotometricGradientPairWrapper(Backend& be, int num_f, const int* facets
     float* d_ncc_grad = be.template alloc<float>(n);
     uint8_t* d_mask = be.template alloc<uint8_t>(n);
     float* d_grad = be.template alloc<float>(3 * size_t(num_v));
+    unsigned long long* d_sums = be.template alloc<unsigned long long>(3 * size_t(num_v));
     float* d_hits = be.template alloc<float>(size_t(num_v));
     be.upload(d_facets, facets, 3 * size_t(num_f));
     be.upload(d_normals, facet_normals, 3 * size_t(num_f));
@@ -168,12 +169,17 @@ void addPhotometricGradientPairWrapper(Backend& be, int num_f, const int* facets
     // pair's contribution added.
     be.upload(d_grad, grad_photo, 3 * size_t(num_v));
     be.upload(d_hits, vt_pair_hits, size_t(num_v));
+    // This call's contributions are summed in fixed point, on the scale of
+    // the pair's larger mean depth, and then added to the incoming floats.
+    const FixedPointScale scale = fixedPointScaleFor(std::max(mean_depth_ref, mean_depth_tar));
+    const int sumCount = 3 * num_v;
     if (!be.failed) {
-        be.launch2D(width, height, kImageBlock, kImageBlock,
-                    Kernel_AddPhotometricGradient_ImagePair_CUDA{
+        be.launch(WideRun{sumCount}, Kernel_Clear_FixedPointSums{sumCount, d_sums});
+        be.launch(ImageGrid{width, height}, Kernel_AddPhotometricGradient_ImagePair_CUDA{
                         num_f, d_facets, d_normals, width, height, camera_ref, d_depth_ref, d_facet_ref, camera_tar,
                         d_depth_tar, d_facet_tar, d_bary_b, d_bary_c, d_ncc_grad, d_mask, mean_depth_ref,
-                        mean_depth_tar, num_v, d_grad, d_hits, target});
+                        mean_depth_tar, num_v, d_sums, scale.toFixed, d_hits, target});
+        be.launch(WideRun{sumCount}, Kernel_Add_FixedPointSums{sumCount, d_grad, d_sums, scale.toFloat});
         printfRingShow(be);
         be.download(grad_photo, d_grad, 3 * size_t(num_v));
         be.download(vt_pair_hits, d_hits, size_t(num_v));
@@ -193,6 +199,7 @@ void addPhotometricGradientPairWrapper(Backend& be, int num_f, const int* facets
     be.release(d_ncc_grad);
     be.release(d_mask);
     be.release(d_grad);
+    be.release(d_sums);
     be.release(d_hits);
     printfRingClose(be);
 }
@@ -229,13 +236,12 @@ struct SmoothnessBuffers {
     }
     // Both umbrella passes: the first-order gradient of `vertices` into
     // `first`, the second-order one into `second`.
-    void smoothnessGradient(int num_f, int block) {
-        be.launch1D(num_v, block,
-                    Kernel_ComputeSmoothnessGradient{num_v, vertices, num_f, facets, list, counts, offsets, first,
-                                                     false});
-        be.launch1D(num_v, block,
-                    Kernel_ComputeSmoothnessGradient{num_v, first, num_f, facets, list, counts, offsets, second,
-                                                     true});
+    template <class Run>
+    void smoothnessGradient(int num_f) {
+        be.launch(Run{num_v}, Kernel_ComputeSmoothnessGradient{num_v, vertices, num_f, facets, list, counts, offsets,
+                                                               first, false});
+        be.launch(Run{num_v}, Kernel_ComputeSmoothnessGradient{num_v, first, num_f, facets, list, counts, offsets,
+                                                               second, true});
     }
     void release() {
         be.release(vertices);
@@ -262,7 +268,7 @@ void computeSmoothnessGradientWrapper(Backend& be, int num_v, const float* verti
     SmoothnessBuffers<Backend> mesh(be, num_v, vertices, num_f, facets, num_valence_entries, valence_list,
                                     valence_counts, valence_offsets);
     if (!be.failed) {
-        mesh.smoothnessGradient(num_f, kNarrowBlock);
+        mesh.template smoothnessGradient<NarrowRun>(num_f);
         printfRingShow(be);
         be.download(gradient, mesh.second, 3 * size_t(num_v));
     }
@@ -291,12 +297,11 @@ void smoothnessGradientDescentWrapper(Backend& be, int num_v, float* vertices, i
     if (!be.failed) {
         const float step = 1.0f;
         for (int it = 0; it < iterations; ++it) {
-            mesh.smoothnessGradient(num_f, kWideBlock);
+            mesh.template smoothnessGradient<WideRun>(num_f);
             if (d_mask)
-                be.launch1D(num_v, kWideBlock,
-                            Kernel_GradientDescent_UpdateMask{num_v, mesh.vertices, mesh.second, step, d_mask});
+                be.launch(WideRun{num_v}, Kernel_GradientDescent_UpdateMask{num_v, mesh.vertices, mesh.second, step, d_mask});
             else
-                be.launch1D(num_v, kWideBlock, Kernel_GradientDescent{num_v, mesh.vertices, mesh.second, step});
+                be.launch(WideRun{num_v}, Kernel_GradientDescent{num_v, mesh.vertices, mesh.second, step});
         }
         printfRingShow(be);
         if (!be.failed) be.download(vertices, mesh.vertices, 3 * size_t(num_v));
