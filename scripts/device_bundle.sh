@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Packs a CUDA build of the tool, its tools and its test binaries, with every
-# shared library they load except the C library itself, into one compressed
-# file: .device-bundle/bundle.tar.xz (not tracked). A GPU machine of the same
+# shared library they load except the C library itself, and the temple scene
+# (temple.sfm, temple_hull.ply and its 16 photographs, under
+# data/templeSparseRing/), into one compressed file:
+# .device-bundle/bundle.tar.xz (not tracked). A GPU machine of the same
 # processor family that has the CUDA driver but none of the build's packages
 # (no OpenCV, no CGAL, no compiler needed) unpacks it and runs it as it is;
 # scripts/device_proof.sh does that.
@@ -12,6 +14,16 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 build=$root/build-device
 bundle=$root/.device-bundle
+# The temple, beside the repository here; the GPU machine has no copy.
+temple=${TESSALINE_TEMPLE_DIR:-$root/../shared/data/templeSparseRing}
+temple_files=(temple.sfm temple_hull.ply)
+for i in $(seq -w 1 16); do temple_files+=("templeSR00$i.png"); done
+for f in "${temple_files[@]}"; do
+  if [ ! -s "$temple/$f" ]; then
+    echo "Error: $temple/$f not found; set TESSALINE_TEMPLE_DIR to the temple's folder" >&2
+    exit 1
+  fi
+done
 
 # The programs find the bundled libraries through an RPATH to where
 # device_proof.sh unpacks them (an RPATH, unlike a RUNPATH, also serves the
@@ -42,8 +54,13 @@ for p in "${programs[@]}"; do ldd "$build/$p"; done |
   grep -vE '/(libc|libm|libdl|libpthread|librt|libresolv|libutil|ld-linux[^/]*)\.so' |
   while read -r lib; do cp -L "$lib" "$stage/lib/"; done
 
+# The scene file's image paths are relative to its folder, so the files keep
+# their names side by side (the COLMAP model is not needed there).
+mkdir -p "$stage/data/templeSparseRing"
+for f in "${temple_files[@]}"; do cp "$temple/$f" "$stage/data/templeSparseRing/"; done
+
 mkdir -p "$bundle"
 echo "Compressing $(du -sh "$stage" | cut -f1) into $bundle/bundle.tar.xz (a minute or two)"
-tar -C "$stage" -cf - build lib | xz -T0 -6 > "$bundle/bundle.tar.xz.part"
+tar -C "$stage" -cf - build lib data | xz -T0 -6 > "$bundle/bundle.tar.xz.part"
 mv "$bundle/bundle.tar.xz.part" "$bundle/bundle.tar.xz"
 ls -l "$bundle/bundle.tar.xz"
