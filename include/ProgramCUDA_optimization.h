@@ -1,31 +1,61 @@
-// Device wrappers of the refinement engine: the mesh optimisation and the
-// NCC wrappers.
+// Device entry points of the refinement engine: the mesh optimisation and
+// the NCC entry points.
 #pragma once
 
-#include "mycamera.h"
+#include "ProgramCUDA.h"
 
 // Moves the vertices of a mesh by `iterations` steps of gradient descent on
-// the windowed NCC of the camera pairs in pair_mask (entry i*num_cameras + j
-// equal to 1: camera j is compared with camera i as reference) and on an
-// umbrella smoothness term, first order (step 0.1) or second order (step
-// 0.5). `images` holds num_cameras grey images of width x height bytes, one
-// after the other; valence_list/counts/offsets are the flattened one-rings.
-// `vertices` is overwritten with the result, and left unchanged when the
-// arguments are refused or the device fails (an "Error: " line says so).
-// Prints memory reports and an overwriting iteration counter.
-void Integrated_Mesh_Optimization_CUDA(int num_v, float* vertices, int num_f, const int* facets,
-                                       int num_valence_entries, const int* valence_list, const int* valence_counts,
-                                       const int* valence_offsets, int num_cameras, int width, int height,
-                                       const mycamera_cuda* cameras, const unsigned char* images, int iterations,
-                                       const unsigned char* pair_mask, bool first_order_smoothing);
+// the windowed NCC of the camera pairs in pair_mask and on an umbrella
+// smoothness term, first order (step 0.1) or second order (step 0.5).
+// `vertices` is overwritten with the result, and left unchanged unless the
+// status is Ok. Prints memory reports and an overwriting iteration counter.
+struct MeshOptimizationArgs {
+    int num_v = 0;
+    float* vertices = nullptr;  // 3 per vertex, in and out
+    int num_f = 0;
+    const int* facets = nullptr;  // 3 per facet
+    int num_valence_entries = 0;
+    const int* valence_list = nullptr;     // the one-rings, vertex after vertex
+    const int* valence_counts = nullptr;   // 1 per vertex: length of its run
+    const int* valence_offsets = nullptr;  // 1 per vertex: start of its run
+    int num_cameras = 0;
+    int width = 0;  // all images of a call have one size
+    int height = 0;
+    const mycamera_cuda* cameras = nullptr;  // num_cameras records
+    const unsigned char* images = nullptr;   // num_cameras grey images, width * height bytes each, back to back
+    int iterations = 0;
+    // num_cameras * num_cameras bytes: entry i * num_cameras + j equal to 1
+    // means camera j is compared with camera i as reference.
+    const unsigned char* pair_mask = nullptr;
+    bool first_order_smoothing = true;
+};
+DeviceStatus Integrated_Mesh_Optimization_CUDA(const DeviceHandle& device, const MeshOptimizationArgs& args);
 
-// Windowed NCC (window (2*halfWindow + 1)^2) of imageA against imageB, whose
+// Windowed NCC (window (2 halfWindow + 1)^2) of imageA against imageB, whose
 // -1.0 entries mark pixels without a value: per pixel the correlation `cc`,
 // the validity `mask` (1 where the whole window of imageB has values and lies
 // in the image) and `grad`, the derivative of minus the summed correlation
 // with respect to imageB, weighted by texture. All arrays width x height.
-void Compute_NCCGrad_CUDA(int width, int height, const float* imageA, const float* imageB, float* grad, float* cc,
-                          unsigned char* mask, int halfWindow);
+struct NccGradArgs {
+    int width = 0;
+    int height = 0;
+    const float* imageA = nullptr;
+    const float* imageB = nullptr;
+    float* grad = nullptr;
+    float* cc = nullptr;
+    unsigned char* mask = nullptr;
+    int halfWindow = 2;
+};
+DeviceStatus Compute_NCCGrad_CUDA(const DeviceHandle& device, const NccGradArgs& args);
+
 // The same up to the correlation: `cc` and `mask` only.
-void Compute_CC_CUDA(int width, int height, const float* imageA, const float* imageB, float* cc,
-                     unsigned char* mask, int halfWindow);
+struct CcArgs {
+    int width = 0;
+    int height = 0;
+    const float* imageA = nullptr;
+    const float* imageB = nullptr;
+    float* cc = nullptr;
+    unsigned char* mask = nullptr;
+    int halfWindow = 2;
+};
+DeviceStatus Compute_CC_CUDA(const DeviceHandle& device, const CcArgs& args);

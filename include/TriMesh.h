@@ -1,6 +1,10 @@
 // The host record of the surface under refinement: an indexed triangle mesh,
 // one attribute record per vertex, and connectivity tables derived from the
 // facets.
+//
+// The record itself needs no library: the PLY reader and writer of
+// tessaline_scene and the companion tools use it as a plain record. The two
+// operations declared at the end are defined in tessaline_mesh.
 #pragma once
 
 #include <cstdint>
@@ -47,8 +51,14 @@ struct TriMesh {
 
     TriMesh() = default;
     // Empties vertices, vertex_attributes, facets, num_valences and valences;
-    // the counts stay as they are.
-    void clear();
+    // the counts stay as they are (loadPly sets them afterwards).
+    void clear() {
+        vertices.clear();
+        vertex_attributes.clear();
+        facets.clear();
+        num_valences.clear();
+        valences.clear();
+    }
 };
 
 // Rebuilds num_valences, valences and vertex_facets from the facets. One-ring

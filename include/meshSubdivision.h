@@ -1,5 +1,5 @@
-// Mesh subdivision (Parts 3.2 and 3.3): the choice of facets from rendered
-// facet maps, and the division of the chosen facets without T-junctions.
+// Mesh subdivision: the choice of facets from rendered facet maps, and the
+// division of the chosen facets without T-junctions.
 #pragma once
 
 #include <cstdint>
@@ -7,6 +7,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "ProgramCUDA.h"
 #include "TriMesh.h"
 #include "mycamera.h"
 
@@ -19,10 +20,12 @@ void divideFacets(TriMesh& mesh, const std::vector<bool>& facet_divide_indicator
 
 // One camera: makes the four images at LV rows and LU columns
 // (depth and both weights CV_32F, facet CV_32S), clears them (largest finite
-// float, -1, -1.0, -1.0) and renders the mesh into them with the z-buffer,
-// area origin (0, 0).
-void renderFacetMaps(const TriMesh& mesh, const mycamera& camera, int LU, int LV, cv::Mat& depth_image,
-                     cv::Mat& facet_image, cv::Mat& bary_b_image, cv::Mat& bary_c_image);
+// float, -1, -1.0, -1.0) and renders the mesh into them with the z-buffer of
+// `device`, area origin (0, 0). Returns false when the device refused or
+// failed the render (it has printed an "Error: " line); the images then hold
+// no usable facet map. A negative extent renders nothing and returns true.
+bool renderFacetMaps(const TriMesh& mesh, const DeviceHandle& device, const mycamera& camera, int LU, int LV,
+                     cv::Mat& depth_image, cv::Mat& facet_image, cv::Mat& bary_b_image, cv::Mat& bary_c_image);
 
 // Clearing, counting and selection of one pass on facet maps already rendered:
 // sizes facet_divide_indicator and facet_view_count to num_f, counts for each
@@ -35,9 +38,11 @@ void renderFacetMaps(const TriMesh& mesh, const mycamera& camera, int LU, int LV
 int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>& facet_images, int LU, int LV,
                                 std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count);
 
-// At most two passes of render, select, divide. Prints
-// "subdividing at level <pass> : <count> facets" before each division and
-// "stop dividing" when a pass selects nothing. Only the number and the sizes
-// of the images in imgLaplaceList are read.
-void subdivideMeshAdaptively(TriMesh& mesh, const std::vector<mycamera>& cameraList,
+// At most two passes of render, select, divide, rendering on `device`.
+// Prints "subdividing at level <pass> : <count> facets" before each division
+// and "stop dividing" when a pass selects nothing. Only the number and the
+// sizes of the images in imgLaplaceList are read. Returns false when a render
+// failed: nothing is selected from it, and the mesh stays as the passes
+// before it left it. Inconsistent lists are reported and do not make it fail.
+bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
                              const std::vector<cv::Mat>& imgLaplaceList, int LU, int LV);

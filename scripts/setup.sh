@@ -16,5 +16,6 @@ if [ ${#missing[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive $sudo_cmd apt-get install -y -qq --no-install-recommends "${missing[@]}"
 fi
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
+# TESSALINE_WARNINGS_AS_ERRORS=ON (as CI sets it) makes every warning an error.
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DTESSALINE_WARNINGS_AS_ERRORS=${TESSALINE_WARNINGS_AS_ERRORS:-OFF}
 cmake --build build -j"$(nproc)"

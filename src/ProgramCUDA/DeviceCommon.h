@@ -1,5 +1,5 @@
 // What every kernel body stands on, for both backends: the host-and-device
-// marker, the two float atomics and the texture fetches.
+// marker, bit casts, the atomics and the fused multiply-adds.
 //
 // A kernel body is written once as a functor with DEVICE_HOST members. Under
 // nvcc the CUDA backend launches it from a __global__ trampoline; otherwise
@@ -64,6 +64,41 @@ DEVICE_HOST void atomicAddU64(unsigned long long* cell, unsigned long long value
 #endif
 }
 
+// The same addition, first combined among the threads of a warp that add to
+// the same cell, so that one atomic per cell and warp reaches memory. Integer
+// addition is associative, so the sum is the same as with one atomic each.
+DEVICE_HOST void atomicAddU64Combined(unsigned long long* cell, unsigned long long value) {
+#if defined(__CUDA_ARCH__)
+    const unsigned active = __activemask();
+    const unsigned peers = __match_any_sync(active, reinterpret_cast<unsigned long long>(cell));
+    unsigned long long sum = 0;
+    for (unsigned rest = peers; rest != 0; rest &= rest - 1) sum += __shfl_sync(peers, value, __ffs(rest) - 1);
+    unsigned lane;
+    asm("mov.u32 %0, %%laneid;" : "=r"(lane));
+    if (int(lane) == __ffs(peers) - 1) atomicAdd(cell, sum);
+#else
+    atomicAddU64(cell, value);
+#endif
+}
+
+// Indivisible exchange of an int; returns what the cell held.
+DEVICE_HOST int atomicExchangeInt(int* cell, int value) {
+#if defined(__CUDA_ARCH__)
+    return atomicExch(cell, value);
+#else
+    return __atomic_exchange_n(cell, value, __ATOMIC_RELAXED);
+#endif
+}
+
+// Reads an int that other threads may be exchanging.
+DEVICE_HOST int atomicLoadInt(const int* cell) {
+#if defined(__CUDA_ARCH__)
+    return *reinterpret_cast<const volatile int*>(cell);
+#else
+    return __atomic_load_n(cell, __ATOMIC_RELAXED);
+#endif
+}
+
 // Indivisible 64-bit unsigned minimum.
 DEVICE_HOST void atomicMinU64(unsigned long long* cell, unsigned long long value) {
 #if defined(__CUDA_ARCH__)
@@ -85,108 +120,16 @@ DEVICE_HOST float fmaF(float a, float b, float c) {
 #endif
 }
 
+// Fused multiply-add in double.
+DEVICE_HOST double fmaD(double a, double b, double c) {
+#if defined(__CUDA_ARCH__)
+    return __fma_rn(a, b, c);
+#else
+    return std::fma(a, b, c);
+#endif
+}
+
 // Largest finite float32, bit pattern 0x7F7FFFFF: the depth clear value.
 constexpr float kDepthClear = 3.40282346638528859811704183484516925e+38f;
-
-// What the texture unit returns for a linear-filtered fetch of an 8-bit,
-// one-channel texture read as normalised float, with clamped addressing and
-// texel coordinates. Measured on the hardware and reproduced here exactly:
-//   - xb = x - 0.5 and yb = y - 0.5; the texel pair along each axis starts at
-//     floor(xb), and the weight of the second texel is a = frac(xb) in 1/256,
-//     rounded half up (a = 256 moves to the next texel with weight 0);
-//   - texel indices are clamped to the image;
-//   - of the four weight products only the one of the far corner is rounded,
-//     w11 = round_half_up(a b / 256); the others follow from it so that the
-//     four sum to 256 exactly: w10 = a - w11, w01 = b - w11,
-//     w00 = 256 - a - b + w11;
-//   - S = sum of texel times weight (bytes times 1/256), and the result is the
-//     16-bit normalised value round(S 257 / 256) / 65535, as float.
-// At a texel centre this is exactly byte / 255.
-DEVICE_HOST int textureWeight256(float coordinate, int& first) {
-    const float floorValue = floorf(coordinate);
-    const float scaled = (coordinate - floorValue) * 256.0f;  // exact: a power-of-two scale of [0, 1)
-    int a = int(scaled);
-    if (scaled - float(a) >= 0.5f) ++a;
-    first = int(floorValue);
-    if (a == 256) {
-        ++first;
-        a = 0;
-    }
-    return a;
-}
-
-DEVICE_HOST float sampleBilinearU8(const uint8_t* data, int width, int height, size_t pitch, float x, float y) {
-    float xb = x - 0.5f;
-    float yb = y - 0.5f;
-    // Far outside the image every texel clamps to the edge; keeping the
-    // coordinate in range first keeps the integer conversion defined (NaN
-    // goes to the low edge).
-    if (!(xb > -2.0f)) xb = -2.0f;
-    if (!(yb > -2.0f)) yb = -2.0f;
-    if (xb > float(width) + 1.0f) xb = float(width) + 1.0f;
-    if (yb > float(height) + 1.0f) yb = float(height) + 1.0f;
-    int i0, j0;
-    const int a = textureWeight256(xb, i0);
-    const int b = textureWeight256(yb, j0);
-    const int w11 = (a * b + 128) >> 8;
-    const int w10 = a - w11, w01 = b - w11, w00 = 256 - a - b + w11;
-    auto clampi = [](int v, int hi) { return v < 0 ? 0 : (v > hi ? hi : v); };
-    const int x0 = clampi(i0, width - 1), x1 = clampi(i0 + 1, width - 1);
-    const int y0 = clampi(j0, height - 1), y1 = clampi(j0 + 1, height - 1);
-    const uint8_t* row0 = data + size_t(y0) * pitch;
-    const uint8_t* row1 = data + size_t(y1) * pitch;
-    const int S = row0[x0] * w00 + row0[x1] * w10 + row1[x0] * w01 + row1[x1] * w11;
-    const int value16 = (S * 257 + 128) >> 8;
-    return float(value16) / 65535.0f;
-}
-
-// A layered stack of 8-bit images behind a linear-filtered texture. On CUDA
-// `object` is a texture object; on the CPU `data` points at the bytes, layer
-// after layer, rows `width` bytes apart.
-struct LayeredTexture {
-    unsigned long long object = 0;
-    const uint8_t* data = nullptr;
-    int width = 0;
-    int height = 0;
-    int layers = 0;
-    void* owner = nullptr;  // the backend's allocation behind the texture
-};
-
-// One 8-bit image behind a linear-filtered texture: a single-image array or
-// pitched linear memory (rows `pitch` bytes apart).
-struct Texture2D {
-    unsigned long long object = 0;
-    const uint8_t* data = nullptr;
-    int width = 0;
-    int height = 0;
-    size_t pitch = 0;
-    void* owner = nullptr;  // the backend's allocation behind the texture
-};
-
-}  // namespace tessaline
-
-#if defined(__CUDACC__)
-#include <cuda_runtime.h>
-#endif
-
-namespace tessaline {
-
-DEVICE_HOST float fetchLayered(const LayeredTexture& tex, float x, float y, int layer) {
-#if defined(__CUDA_ARCH__)
-    return tex2DLayered<float>(static_cast<cudaTextureObject_t>(tex.object), x, y, layer);
-#else
-    const size_t layerBytes = size_t(tex.width) * size_t(tex.height);
-    return sampleBilinearU8(tex.data + size_t(layer) * layerBytes, tex.width, tex.height,
-                            size_t(tex.width), x, y);
-#endif
-}
-
-DEVICE_HOST float fetch2D(const Texture2D& tex, float x, float y) {
-#if defined(__CUDA_ARCH__)
-    return tex2D<float>(static_cast<cudaTextureObject_t>(tex.object), x, y);
-#else
-    return sampleBilinearU8(tex.data, tex.width, tex.height, tex.pitch, x, y);
-#endif
-}
 
 }  // namespace tessaline

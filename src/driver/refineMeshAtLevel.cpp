@@ -21,9 +21,9 @@ std::vector<unsigned char> buildPairMask(const std::vector<std::vector<int>>& ne
     return pair_mask;
 }
 
-bool refineMeshAtLevel(TriMesh& mesh, const std::vector<mycamera>& cameraList, const std::vector<cv::Mat>& imgList,
-                       const std::vector<std::vector<int>>& neighbourLists, int iterations,
-                       bool first_order_smoothing) {
+bool refineMeshAtLevel(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
+                       const std::vector<cv::Mat>& imgList, const std::vector<std::vector<int>>& neighbourLists,
+                       int iterations, bool first_order_smoothing) {
     // The checks report as they always have; since nothing after them can
     // work on an empty list or on images of unequal size, the call then
     // ends and the run stops in order.
@@ -86,9 +86,22 @@ bool refineMeshAtLevel(TriMesh& mesh, const std::vector<mycamera>& cameraList, c
 
     const std::vector<unsigned char> pair_mask = buildPairMask(neighbourLists, num_cameras);
 
-    Integrated_Mesh_Optimization_CUDA(mesh.num_v, mesh.vertices.data(), mesh.num_f, mesh.facets.data(),
-                                      num_valence_entries, valence_list.data(), valence_counts.data(),
-                                      valence_offsets.data(), num_cameras, width, height, cameras_cuda.data(),
-                                      image_stack.data(), iterations, pair_mask.data(), first_order_smoothing);
-    return true;
+    MeshOptimizationArgs args;
+    args.num_v = mesh.num_v;
+    args.vertices = mesh.vertices.data();
+    args.num_f = mesh.num_f;
+    args.facets = mesh.facets.data();
+    args.num_valence_entries = num_valence_entries;
+    args.valence_list = valence_list.data();
+    args.valence_counts = valence_counts.data();
+    args.valence_offsets = valence_offsets.data();
+    args.num_cameras = num_cameras;
+    args.width = width;
+    args.height = height;
+    args.cameras = cameras_cuda.data();
+    args.images = image_stack.data();
+    args.iterations = iterations;
+    args.pair_mask = pair_mask.data();
+    args.first_order_smoothing = first_order_smoothing;
+    return Integrated_Mesh_Optimization_CUDA(device, args) == DeviceStatus::Ok;
 }

@@ -6,6 +6,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "ProgramCUDA.h"
 #include "TriMesh.h"
 #include "mycamera.h"
 
@@ -13,8 +14,10 @@
 // list: byte i*num_cameras + j is 1 when camera i lists camera j.
 std::vector<unsigned char> buildPairMask(const std::vector<std::vector<int>>& neighbourLists, int num_cameras);
 
-// Moves the mesh's vertices by `iterations` steps of descent at this level.
-// Returns false, having printed why, when the level's lists cannot be used.
-bool refineMeshAtLevel(TriMesh& mesh, const std::vector<mycamera>& cameraList, const std::vector<cv::Mat>& imgList,
-                       const std::vector<std::vector<int>>& neighbourLists, int iterations,
-                       bool first_order_smoothing);
+// Moves the mesh's vertices by `iterations` steps of descent at this level,
+// on `device`. Returns false, having printed why, when the level's lists
+// cannot be used or the device did not complete the optimisation (the device
+// module prints that line itself; the vertices are then as it left them).
+bool refineMeshAtLevel(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
+                       const std::vector<cv::Mat>& imgList, const std::vector<std::vector<int>>& neighbourLists,
+                       int iterations, bool first_order_smoothing);

@@ -31,26 +31,28 @@ struct LevelSettings {
 // Iterations and smoothness order of levels 0, 1 and 2.
 constexpr LevelSettings kLevelSettings[3] = {{10, false}, {25, false}, {100, true}};
 
-// The level loop: from level 2 down to levelOfDetails, subdividing at every
-// pass and refining where the table says so. Returns false when a stage could
-// not work on the level's lists (it has printed why).
-bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails) {
+}  // namespace
+
+bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const DeviceHandle& device) {
     std::vector<mycamera> cameraList;
     std::vector<cv::Mat> imgList, imgLaplaceList;
     for (int level = 2; level >= 0; --level) {
         float scale = 1.0f;
         for (int k = 0; k < level; ++k) scale *= 0.5f;
         buildLevelData(scene, scale, cameraList, imgList, imgLaplaceList);
-        subdivideMeshAdaptively(mesh, cameraList, imgLaplaceList, imgList[0].cols, imgList[0].rows);
+        if (!subdivideMeshAdaptively(mesh, device, cameraList, imgLaplaceList, imgList[0].cols, imgList[0].rows))
+            return false;
         if (level < levelOfDetails) break;
         std::cout << "mesh refining at level " << level << std::endl;
         const LevelSettings& settings = kLevelSettings[level];
-        if (!refineMeshAtLevel(mesh, cameraList, imgList, scene.neighbourLists, settings.iterations,
+        if (!refineMeshAtLevel(mesh, device, cameraList, imgList, scene.neighbourLists, settings.iterations,
                                settings.first_order_smoothing))
             return false;
     }
     return true;
 }
+
+namespace {
 
 int run(int argc, char** argv) {
     // The running time is wall-clock time: on the CPU backend several threads
@@ -86,11 +88,12 @@ int run(int argc, char** argv) {
     std::cout << "Level of Details " << levelOfDetails << std::endl;
     std::cout << std::endl;
 
-    const DeviceSetup device = setupDevice(deviceIndex);
+    // The device chosen here runs every call of the run.
+    const DeviceSetup setup = setupDevice(deviceIndex);
     std::cout << "Setting up CUDA device" << std::endl;
-    std::cout << device.description << std::endl;
-    std::cout << "Device memory total: " << device.totalMB << "MB" << std::endl;
-    std::cout << "Device memory aviable: " << device.freeMB << "MB" << std::endl;
+    std::cout << setup.description << std::endl;
+    std::cout << "Device memory total: " << setup.totalMB << "MB" << std::endl;
+    std::cout << "Device memory aviable: " << setup.freeMB << "MB" << std::endl;
     std::cout << std::endl;
 
     SfmScene scene;
@@ -106,7 +109,7 @@ int run(int argc, char** argv) {
     }
     std::cout << std::endl;
 
-    if (!runLevels(mesh, scene, levelOfDetails)) {
+    if (!runLevels(mesh, scene, levelOfDetails, setup.device)) {
         std::cout << "Error: refinement stopped; nothing was written" << std::endl;
         return 0;
     }

@@ -1,6 +1,18 @@
 // The tool's entry: command line, start-up, level loop, timing and saving.
 #pragma once
 
+#include "ProgramCUDA.h"
+#include "SfmScene.h"
+#include "TriMesh.h"
+
 // Runs the whole tool; returns the process exit status (0 when the arguments
 // were refused or the run could not start, 1 at the end of a run).
 int runTessalineRefine(int argc, char** argv);
+
+// The level loop: from level 2 down to levelOfDetails, subdividing at every
+// pass and refining where the level table says so, every call on `device`;
+// the scene holds at least one image.
+// Returns false when a stage could not work on the level's lists or the
+// device did not complete a call (it has printed why); the run then stops
+// without writing.
+bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const DeviceHandle& device);

@@ -1,19 +1,9 @@
-// The mesh record's own operations: clear, the neighbour-table
-// rebuild that precedes every optimisation, and a validity probe for facets.
+// The mesh record's operations: the neighbour-table rebuild that precedes
+// every optimisation, and a validity probe for facets.
 #include "TriMesh.h"
 
 #include <cstddef>
 #include <iostream>
-
-void TriMesh::clear() {
-    // Only these five tables are emptied; the counts stay as they
-    // are (loadPly sets them afterwards).
-    vertices.clear();
-    vertex_attributes.clear();
-    facets.clear();
-    num_valences.clear();
-    valences.clear();
-}
 
 namespace {
 

@@ -57,10 +57,9 @@ void divideFacets(TriMesh& mesh, const std::vector<bool>& facet_divide_indicator
     const size_t nf = num_f_entry > 0 ? size_t(num_f_entry) : 0;
 
     // ---- Phase 1: edge table -------------------------------------------
-    // Decision (Left to the implementer): on a size mismatch the line is
-    // printed and the call goes on, treating bits past the end of a shorter
-    // indicator as 0 and ignoring the extra bits of a longer one; nothing is
-    // ever read past its end.
+    // On a size mismatch the line is printed and the call goes on, treating
+    // bits past the end of a shorter indicator as 0 and ignoring the extra
+    // bits of a longer one; nothing is ever read past its end.
     if (facet_divide_indicator.size() != size_t(num_f_entry)) {
         std::cout << "Error: facet_divide_indicator.size() != num_f" << std::endl;
     }
@@ -142,7 +141,7 @@ void divideFacets(TriMesh& mesh, const std::vector<bool>& facet_divide_indicator
         // Steps 5 and 6: a camera sampled exactly twice over both ends gives
         // one sample with the mean value. With both lists empty (always so in
         // a run) the scratch arrays would stay all zero and give nothing.
-        // Decision: a ViewSample whose camera lies outside mesh_cameras is
+        // A ViewSample whose camera lies outside mesh_cameras is
         // skipped, so the scratch arrays are never indexed past their end.
         if (!rp.views.empty() || !rq.views.empty()) {
             std::fill(camera_value_sum.begin(), camera_value_sum.end(), 0.0f);

@@ -22,43 +22,52 @@ constexpr int kPassesPerCall = 2;
 
 }  // namespace
 
-void renderFacetMaps(const TriMesh& mesh, const mycamera& camera, int LU, int LV, cv::Mat& depth_image,
-                     cv::Mat& facet_image, cv::Mat& bary_b_image, cv::Mat& bary_c_image) {
+bool renderFacetMaps(const TriMesh& mesh, const DeviceHandle& device, const mycamera& camera, int LU, int LV,
+                     cv::Mat& depth_image, cv::Mat& facet_image, cv::Mat& bary_b_image, cv::Mat& bary_c_image) {
     // A negative extent renders nothing (the maps are made empty); the caller
     // has already reported it.
     const int cols = std::max(LU, 0), rows = std::max(LV, 0);
-    // Step 1: made anew at LV x LU (create reuses the buffer of an image of
-    // the same size and type, so a second pass allocates nothing).
+    // Made anew at LV x LU (create reuses the buffer of an image of the same
+    // size and type, so a second pass allocates nothing).
     depth_image.create(rows, cols, CV_32F);
     facet_image.create(rows, cols, CV_32S);
     bary_b_image.create(rows, cols, CV_32F);
     bary_c_image.create(rows, cols, CV_32F);
-    // Step 2: the renderer's clear values; the depth clear is the largest
-    // finite float32, bit pattern 0x7F7FFFFF.
+    // The renderer's clear values; the depth clear is the largest finite
+    // float32, bit pattern 0x7F7FFFFF.
     depth_image.setTo(cv::Scalar(double(std::numeric_limits<float>::max())));
     facet_image.setTo(cv::Scalar(-1));
     bary_b_image.setTo(cv::Scalar(-1.0));
     bary_c_image.setTo(cv::Scalar(-1.0));
-    if (rows == 0 || cols == 0) return;
-    // Step 3.
-    mycamera_cuda cameraCuda;
-    toCameraCuda(cameraCuda, camera);
-    // Step 4: area origin BU = BV = 0. Freshly created matrices are
-    // continuous, so each is one row-major block of LU*LV elements.
-    TriMesh_Image_ZBuffering_CUDA(mesh.num_v, mesh.vertices.data(), mesh.num_f, mesh.facets.data(), cameraCuda, 0, 0,
-                                  cols, rows, depth_image.ptr<float>(), facet_image.ptr<int>(),
-                                  bary_b_image.ptr<float>(), bary_c_image.ptr<float>());
+    if (rows == 0 || cols == 0) return true;
+    // Area origin BU = BV = 0. Freshly created matrices are continuous, so
+    // each is one row-major block of LU*LV elements.
+    ZBufferArgs args;
+    args.num_v = mesh.num_v;
+    args.vertices = mesh.vertices.data();
+    args.num_f = mesh.num_f;
+    args.facets = mesh.facets.data();
+    toCameraCuda(args.camera, camera);
+    args.BU = 0;
+    args.BV = 0;
+    args.LU = cols;
+    args.LV = rows;
+    args.depth_image = depth_image.ptr<float>();
+    args.facet_image = facet_image.ptr<int>();
+    args.bary_b_image = bary_b_image.ptr<float>();
+    args.bary_c_image = bary_c_image.ptr<float>();
+    return TriMesh_Image_ZBuffering_CUDA(device, args) == DeviceStatus::Ok;
 }
 
 int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>& facet_images, int LU, int LV,
                                 std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count) {
     const int32_t num_f = std::max(mesh.num_f, 0);
-    // Step 3: bits cleared, view counts zero.
+    // Bits cleared, view counts zero.
     facet_divide_indicator.assign(size_t(num_f), false);
     facet_view_count.assign(size_t(num_f), 0);
     std::vector<int32_t> facet_pixel_count(size_t(num_f), 0);
 
-    // Step 5: each pixel of each image is read once. Facets of no pixel keep
+    // Each pixel of each image is read once. Facets of no pixel keep
     // a count of 0; only those with pixels are looked at afterwards, so the
     // cost per image is its pixels plus the facets it shows.
     std::vector<int32_t> seen;
@@ -80,7 +89,7 @@ int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>&
         }
     }
 
-    // Step 6: no neighbour is looked at; no_divide on any vertex blocks.
+    // No neighbour is looked at; no_divide on any vertex blocks.
     int32_t selected = 0;
     for (int32_t f = 0; f < num_f; ++f) {
         if (facet_view_count[size_t(f)] < kMinImages) continue;
@@ -96,22 +105,22 @@ int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>&
     return selected;
 }
 
-void subdivideMeshAdaptively(TriMesh& mesh, const std::vector<mycamera>& cameraList,
+bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
                              const std::vector<cv::Mat>& imgLaplaceList, int LU, int LV) {
-    // Step 1: the checks of Failure handling, in their order.
+    // The checks of the lists, in this order, each with its own line.
     if (imgLaplaceList.empty()) {
         std::cout << "Error: imgList.size() <= 0" << std::endl;
-        // Decision (Left to the implementer): with no image there is no
-        // first image to take sizes from; return, the mesh untouched.
-        return;
+        // With no image there is no first image to take sizes from: the mesh
+        // stays untouched.
+        return true;
     }
     if (cameraList.size() != imgLaplaceList.size()) {
         std::cout << "Error: cameraList.size() != imgLaplaceList.size()" << std::endl;
     }
     const cv::Mat& first = imgLaplaceList[0];
     for (size_t i = 1; i < imgLaplaceList.size(); ++i) {
-        // Decision: one line per differing image, then carry on; every facet
-        // map still has LV rows and LU columns.
+        // One line per differing image, then carry on; every facet map still
+        // has LV rows and LU columns.
         if (imgLaplaceList[i].rows != first.rows || imgLaplaceList[i].cols != first.cols) {
             std::cout << "Error: current version does not support image with different size" << std::endl;
         }
@@ -120,37 +129,36 @@ void subdivideMeshAdaptively(TriMesh& mesh, const std::vector<mycamera>& cameraL
         std::cout << "Error: ROI (BU, BV, LU, LV) do not fit the imgLaplace size" << std::endl;
     }
     // The pixels of imgLaplaceList take no part in the decision: the
-    // criterion is the facet's footprint alone. A Laplacian-based facet
-    // measure (Left to the implementer) is not part of it.
+    // criterion is the facet's footprint alone.
 
-    // Decision: when the two lists differ in length only the cameras that
-    // have an image are rendered (the shorter of the two lists).
+    // When the two lists differ in length only the cameras that have an
+    // image are rendered (the shorter of the two lists).
     const size_t num_cameras = std::min(cameraList.size(), imgLaplaceList.size());
 
-    // Step 2: the four image lists, sized once per call.
+    // The four image lists, sized once per call.
     std::vector<cv::Mat> depth_images(num_cameras), facet_images(num_cameras), bary_b_images(num_cameras),
         bary_c_images(num_cameras);
     std::vector<bool> facet_divide_indicator;
     std::vector<int32_t> facet_view_count;
 
     for (int pass = 0; pass < kPassesPerCall; ++pass) {
-        // Step 4: render every camera into its images.
+        // Render every camera into its images; a render the device did not
+        // complete ends the call before anything is selected from it.
         for (size_t i = 0; i < num_cameras; ++i) {
-            renderFacetMaps(mesh, cameraList[i], LU, LV, depth_images[i], facet_images[i], bary_b_images[i],
-                            bary_c_images[i]);
+            if (!renderFacetMaps(mesh, device, cameraList[i], LU, LV, depth_images[i], facet_images[i],
+                                 bary_b_images[i], bary_c_images[i]))
+                return false;
         }
-        // Steps 3, 5 and 6.
         const int32_t selected =
             selectFacetsForDivision(mesh, facet_images, LU, LV, facet_divide_indicator, facet_view_count);
-        // Step 7.
         if (mesh.num_f == 0 || selected == 0) {
             std::cout << "stop dividing" << std::endl;
-            return;
+            return true;
         }
-        // Step 8: the number after "level" is the pass number.
+        // The number after "level" is the pass number.
         std::cout << "subdividing at level " << pass << " : " << selected << " facets" << std::endl;
-        // Step 9.
         divideFacets(mesh, facet_divide_indicator);
-        // Step 10: after the second pass the call ends without a line.
+        // After the second pass the call ends without a line.
     }
+    return true;
 }

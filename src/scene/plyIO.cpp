@@ -104,7 +104,7 @@ bool walkHeader(std::istream& in, const std::string& path, TriMesh& mesh, Header
     bool checkNextAsVertexProperty = false;  // the next step-1 token names a vertex property
 
     for (;;) {
-        // Step 1. End of input ends the walk (left to the implementer).
+        // Step 1: the next token. End of input ends the walk.
         if (!readHeaderToken(in, buffer)) {
             std::cout << "Error: " << path << " ends before end_header" << std::endl;
             return false;
@@ -129,7 +129,7 @@ bool walkHeader(std::istream& in, const std::string& path, TriMesh& mesh, Header
         previousStep1 = buffer;
         if (buffer == "end_header") return true;
 
-        // Step 2.
+        // Step 2: an element declaration and its count.
         if (buffer == "element") {
             if (!readHeaderToken(in, buffer)) {
                 std::cout << "Error: " << path << " ends before end_header" << std::endl;
@@ -151,7 +151,7 @@ bool walkHeader(std::istream& in, const std::string& path, TriMesh& mesh, Header
             }
         }
 
-        // Step 3.
+        // Step 3: a property declaration.
         if (buffer == "property") {
             if (!readHeaderToken(in, buffer)) {
                 std::cout << "Error: " << path << " ends before end_header" << std::endl;

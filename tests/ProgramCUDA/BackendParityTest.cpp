@@ -14,7 +14,7 @@
 
 #include "DeviceTestSupport.h"
 #include "PlaneSceneSupport.h"
-#include "kernels/PairGeometry.h"
+#include "CameraGeometry.h"
 
 namespace {
 
@@ -23,14 +23,12 @@ class BackendParity : public testing::Test {
     void SetUp() override {
         if (!cudaDeviceAvailable()) GTEST_SKIP() << "no CUDA device";
     }
-    void TearDown() override { setActiveDeviceBackend(DeviceBackend::Cpu); }
 
+    // run(0, the CPU backend), then run(1, the CUDA device).
     template <class Run>
     void onBoth(Run run) {
-        ASSERT_TRUE(setActiveDeviceBackend(DeviceBackend::Cpu));
-        run(0);
-        ASSERT_TRUE(setActiveDeviceBackend(DeviceBackend::Cuda));
-        run(1);
+        run(0, cpuDevice());
+        run(1, cudaDevice());
     }
 };
 
@@ -54,14 +52,18 @@ TEST_F(BackendParity, NccChainIsBitIdenticalAcrossSizes) {
             for (int half : {0, 1, 2}) {
                 std::vector<float> grad[2], cc[2], cc2[2];
                 std::vector<unsigned char> mask[2], mask2[2];
-                onBoth([&](int k) {
+                onBoth([&](int k, const DeviceHandle& device) {
                     grad[k].assign(A.size(), 7.0f);
                     cc[k].assign(A.size(), 7.0f);
                     mask[k].assign(A.size(), 7);
-                    Compute_NCCGrad_CUDA(w, h, A.data(), B.data(), grad[k].data(), cc[k].data(), mask[k].data(), half);
+                    EXPECT_EQ(Compute_NCCGrad_CUDA(device, NccGradArgs{w, h, A.data(), B.data(), grad[k].data(),
+                                                                       cc[k].data(), mask[k].data(), half}),
+                              DeviceStatus::Ok);
                     cc2[k].assign(A.size(), 7.0f);
                     mask2[k].assign(A.size(), 7);
-                    Compute_CC_CUDA(w, h, A.data(), B.data(), cc2[k].data(), mask2[k].data(), half);
+                    EXPECT_EQ(Compute_CC_CUDA(device, CcArgs{w, h, A.data(), B.data(), cc2[k].data(), mask2[k].data(),
+                                                             half}),
+                              DeviceStatus::Ok);
                 });
                 EXPECT_TRUE(sameBits(grad[0], grad[1])) << w << "x" << h << " h=" << half;
                 EXPECT_TRUE(sameBits(cc[0], cc[1])) << w << "x" << h << " h=" << half;
@@ -92,13 +94,15 @@ TEST_F(BackendParity, ZBufferDepthIsBitIdenticalForFacetCountsAroundTheBlock) {
         const int W = 320, H = 240;
         std::vector<float> depth[2], bb[2], bc[2];
         std::vector<int> facet[2];
-        onBoth([&](int k) {
+        onBoth([&](int k, const DeviceHandle& device) {
             depth[k].assign(size_t(W) * H, std::numeric_limits<float>::max());
             facet[k].assign(size_t(W) * H, -1);
             bb[k].assign(size_t(W) * H, -1.0f);
             bc[k].assign(size_t(W) * H, -1.0f);
-            TriMesh_Image_ZBuffering_CUDA(int(v.size() / 3), v.data(), nf, f.data(), cam, 0, 0, W, H,
-                                          depth[k].data(), facet[k].data(), bb[k].data(), bc[k].data());
+            EXPECT_EQ(TriMesh_Image_ZBuffering_CUDA(device, ZBufferArgs{int(v.size() / 3), v.data(), nf, f.data(), cam,
+                                                                        0, 0, W, H, depth[k].data(), facet[k].data(),
+                                                                        bb[k].data(), bc[k].data()}),
+                      DeviceStatus::Ok);
         });
         EXPECT_TRUE(sameBits(depth[0], depth[1])) << nf << " facets";
         EXPECT_TRUE(sameBits(facet[0], facet[1])) << nf << " facets";
@@ -122,16 +126,19 @@ TEST_F(BackendParity, TextureFetchesOfRandomBytesAtRandomPositionsAreBitIdentica
     for (uint8_t& b : img) b = uint8_t(rng());
     std::vector<float> depthRef(n), depthTar(n, 4.0f), warped[2];
     for (float& d : depthRef) d = jitter(rng);
-    const std::vector<int> facets(n, 0);
+    const std::vector<int> facetRef(n, 0);
     mycamera_cuda ref{}, tar{};
     ref.R[0] = ref.R[4] = ref.R[8] = ref.K[8] = 1.0f;
     ref.K[0] = ref.K[4] = 400.0f, ref.K[2] = 63.5f, ref.K[5] = 47.5f;
     const float P[12] = {280, 30, -61, 500, -20, 290, -27, 300, 0, 0, 1, 0};  // u, v ~ 64, 48 at the centre
     std::copy(P, P + 12, tar.P);
-    onBoth([&](int k) {
+    onBoth([&](int k, const DeviceHandle& device) {
         warped[k].assign(n, 7.0f);
-        Perspective_Image_Model_Image_Warp_CUDA(ref, depthRef.data(), facets.data(), tar, depthTar.data(),
-                                                facets.data(), img.data(), W, H, warped[k].data());
+        EXPECT_EQ(Perspective_Image_Model_Image_Warp_CUDA(device, PerspectiveWarpArgs{ref, depthRef.data(),
+                                                                                      facetRef.data(), tar,
+                                                                                      depthTar.data(), img.data(), W,
+                                                                                      H, warped[k].data()}),
+                  DeviceStatus::Ok);
     });
     int valid = 0, differ = 0, ties = 0;
     float worst = 0.0f, steps = 0.0f, frac[2] = {0, 0};
@@ -177,15 +184,17 @@ TEST_F(BackendParity, RenderWarpAndPhotometricGradientAreBitIdentical) {
     const uint8_t* target = s.images.data() + n;
     std::vector<float> depth[2][2], b[2][2], c[2][2], warped[2], grad[2], hits[2];
     std::vector<int> facet[2][2];
-    onBoth([&](int k) {
+    onBoth([&](int k, const DeviceHandle& device) {
         for (int cam : {0, 1}) {
             depth[k][cam].assign(n, tessaline::kDepthClear);
             facet[k][cam].assign(n, -1);
             b[k][cam].assign(n, -1.0f);
             c[k][cam].assign(n, -1.0f);
-            TriMesh_Image_ZBuffering_CUDA(m.numV(), m.vertices.data(), m.numF(), m.facets.data(), s.cameras[cam], 0,
-                                          0, W, H, depth[k][cam].data(), facet[k][cam].data(), b[k][cam].data(),
-                                          c[k][cam].data());
+            EXPECT_EQ(TriMesh_Image_ZBuffering_CUDA(
+                          device, ZBufferArgs{m.numV(), m.vertices.data(), m.numF(), m.facets.data(), s.cameras[cam],
+                                              0, 0, W, H, depth[k][cam].data(), facet[k][cam].data(),
+                                              b[k][cam].data(), c[k][cam].data()}),
+                      DeviceStatus::Ok);
         }
     });
     for (int cam : {0, 1})
@@ -195,11 +204,12 @@ TEST_F(BackendParity, RenderWarpAndPhotometricGradientAreBitIdentical) {
     const auto& facetMap = facet[0];
     const auto& bMap = b[0];
     const auto& cMap = c[0];
-    onBoth([&](int k) {
+    onBoth([&](int k, const DeviceHandle& device) {
         warped[k].assign(n, 7.0f);
-        Perspective_Image_Model_Image_Warp_CUDA(s.cameras[0], depth[0][0].data(), facetMap[0].data(), s.cameras[1],
-                                                depth[0][1].data(), facetMap[1].data(), target, W, H,
-                                                warped[k].data());
+        EXPECT_EQ(Perspective_Image_Model_Image_Warp_CUDA(
+                      device, PerspectiveWarpArgs{s.cameras[0], depth[0][0].data(), facetMap[0].data(), s.cameras[1],
+                                                  depth[0][1].data(), target, W, H, warped[k].data()}),
+                  DeviceStatus::Ok);
     });
     EXPECT_TRUE(sameBits(warped[0], warped[1]));
     int valid = 0;
@@ -207,17 +217,19 @@ TEST_F(BackendParity, RenderWarpAndPhotometricGradientAreBitIdentical) {
     EXPECT_GT(valid, int(n / 4));
     std::vector<float> A(s.images.begin(), s.images.begin() + n), g(n), cc(n), normals;
     std::vector<uint8_t> mask(n);
-    Compute_NCCGrad_CUDA(W, H, A.data(), warped[0].data(), g.data(), cc.data(), mask.data(), 2);
+    ASSERT_EQ(Compute_NCCGrad_CUDA(cpuDevice(), NccGradArgs{W, H, A.data(), warped[0].data(), g.data(), cc.data(),
+                                                            mask.data(), 2}),
+              DeviceStatus::Ok);
     for (int f = 0; f < m.numF(); ++f) normals.insert(normals.end(), {0.0f, 0.0f, -1.0f});
-    onBoth([&](int k) {
+    onBoth([&](int k, const DeviceHandle& device) {
         grad[k].assign(3 * size_t(m.numV()), 0.0f);
         hits[k].assign(size_t(m.numV()), 0.0f);
-        AddPhotometricGradient_ImagePair_CUDA(m.numF(), m.facets.data(), normals.data(), W, H, s.cameras[0],
-                                              s.images.data(), depth[0][0].data(), facetMap[0].data(), s.cameras[1],
-                                              target, depth[0][1].data(), facetMap[1].data(), bMap[0].data(),
-                                              cMap[0].data(),
-                                              g.data(), mask.data(), 2.0f, 2.0f, m.numV(), grad[k].data(),
-                                              hits[k].data());
+        EXPECT_EQ(AddPhotometricGradient_ImagePair_CUDA(
+                      device, PairGradientArgs{m.numF(), m.facets.data(), normals.data(), W, H, s.cameras[0],
+                                               depth[0][0].data(), facetMap[0].data(), s.cameras[1], target,
+                                               bMap[0].data(), cMap[0].data(), g.data(), mask.data(), 2.0f, 2.0f,
+                                               m.numV(), grad[k].data(), hits[k].data()}),
+                  DeviceStatus::Ok);
     });
     EXPECT_TRUE(sameBits(hits[0], hits[1]));
     EXPECT_TRUE(sameBits(grad[0], grad[1]));
@@ -233,13 +245,15 @@ TEST_F(BackendParity, MeshOptimizationGivesTheSameVertices) {
     const auto& m = s.mesh;
     const std::vector<uint8_t> pairs(9, 1);
     std::vector<float> v[2];
-    onBoth([&](int k) {
+    onBoth([&](int k, const DeviceHandle& device) {
         v[k] = m.vertices;
         ::testing::internal::CaptureStdout();
-        Integrated_Mesh_Optimization_CUDA(m.numV(), v[k].data(), m.numF(), m.facets.data(), int(s.rings.list.size()),
-                                          s.rings.list.data(), s.rings.counts.data(), s.rings.offsets.data(), 3, s.W,
-                                          s.H, s.cameras.data(), s.images.data(), 4, pairs.data(), true);
+        const DeviceStatus status = Integrated_Mesh_Optimization_CUDA(
+            device, MeshOptimizationArgs{m.numV(), v[k].data(), m.numF(), m.facets.data(), int(s.rings.list.size()),
+                                         s.rings.list.data(), s.rings.counts.data(), s.rings.offsets.data(), 3, s.W,
+                                         s.H, s.cameras.data(), s.images.data(), 4, pairs.data(), true});
         ::testing::internal::GetCapturedStdout();
+        EXPECT_EQ(status, DeviceStatus::Ok);
     });
     EXPECT_TRUE(sameBits(v[0], v[1]));
     float moved = 0.0f;

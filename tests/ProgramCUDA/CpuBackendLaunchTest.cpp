@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "CpuBackend.h"
-#include "cpu/CpuThreads.h"
+#include "backend/CpuBackend.h"
+#include "backend/CpuThreads.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <random>
 #include <vector>
 
-#include "kernels/FixedPointSum.h"
+#include "FixedPointSum.h"
 
 namespace {
 

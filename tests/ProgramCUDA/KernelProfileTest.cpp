@@ -4,8 +4,8 @@
 
 #include <string>
 
-#include "KernelProfile.h"
-#include "kernels/MeshKernels.h"
+#include "backend/KernelProfile.h"
+#include "optimization/MeshKernels.h"
 
 namespace {
 

@@ -6,8 +6,8 @@
 
 #include <vector>
 
-#include "CpuBackend.h"
-#include "kernels/MeshKernels.h"
+#include "backend/CpuBackend.h"
+#include "optimization/MeshKernels.h"
 
 namespace {
 

@@ -15,16 +15,37 @@ using tessaline::test::OneRings;
 using tessaline::test::PlaneScene;
 constexpr int W = PlaneScene::W, H = PlaneScene::H;
 
-std::vector<float> optimise(const PlaneScene& s, const std::vector<uint8_t>& pairs, int iterations, bool firstOrder,
-                            std::string* output = nullptr, int width = W) {
+// The scene's vertices after the call; what it printed and returned go to
+// `output` and `status` when given, and otherwise the call must succeed.
+std::vector<float> optimise(const DeviceHandle& device, const PlaneScene& s, const std::vector<uint8_t>& pairs,
+                            int iterations, bool firstOrder, std::string* output = nullptr,
+                            DeviceStatus* status = nullptr, int width = W) {
     std::vector<float> v = s.mesh.vertices;
-    const std::string out = tessaline::test::printedBy([&] {
-        Integrated_Mesh_Optimization_CUDA(s.mesh.numV(), v.data(), s.mesh.numF(), s.mesh.facets.data(),
-                                          int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
-                                          s.rings.offsets.data(), int(s.cameras.size()), width, H, s.cameras.data(),
-                                          s.images.data(), iterations, pairs.data(), firstOrder);
-    });
+    MeshOptimizationArgs args;
+    args.num_v = s.mesh.numV();
+    args.vertices = v.data();
+    args.num_f = s.mesh.numF();
+    args.facets = s.mesh.facets.data();
+    args.num_valence_entries = int(s.rings.list.size());
+    args.valence_list = s.rings.list.data();
+    args.valence_counts = s.rings.counts.data();
+    args.valence_offsets = s.rings.offsets.data();
+    args.num_cameras = int(s.cameras.size());
+    args.width = width;
+    args.height = H;
+    args.cameras = s.cameras.data();
+    args.images = s.images.data();
+    args.iterations = iterations;
+    args.pair_mask = pairs.data();
+    args.first_order_smoothing = firstOrder;
+    DeviceStatus returned = DeviceStatus::Failed;
+    const std::string out =
+        tessaline::test::printedBy([&] { returned = Integrated_Mesh_Optimization_CUDA(device, args); });
     if (output) *output = out;
+    if (status)
+        *status = returned;
+    else
+        EXPECT_EQ(returned, DeviceStatus::Ok) << out;
     return v;
 }
 
@@ -66,11 +87,11 @@ TEST_P(MeshOptimization, OnlySmoothnessMovesWithoutPairsOrWithOneCamera) {
     three.rings.offsets.push_back(0);
     for (bool firstOrder : {true, false}) {
         const auto want = smoothnessSteps(three.mesh.vertices, three.rings, 3, firstOrder);
-        expectNear(optimise(three, std::vector<uint8_t>(9, 0), 3, firstOrder), want, 2e-6f);
+        expectNear(optimise(device(), three, std::vector<uint8_t>(9, 0), 3, firstOrder), want, 2e-6f);
         // The diagonal and entries other than 1 are no pairs either.
-        expectNear(optimise(three, {1, 2, 255, 0, 1, 3, 128, 2, 1}, 3, firstOrder), want, 2e-6f);
-        expectNear(optimise(one, {1}, 2, firstOrder), smoothnessSteps(one.mesh.vertices, one.rings, 2, firstOrder),
-                   2e-6f);
+        expectNear(optimise(device(), three, {1, 2, 255, 0, 1, 3, 128, 2, 1}, 3, firstOrder), want, 2e-6f);
+        expectNear(optimise(device(), one, {1}, 2, firstOrder),
+                   smoothnessSteps(one.mesh.vertices, one.rings, 2, firstOrder), 2e-6f);
     }
 }
 
@@ -80,7 +101,7 @@ TEST_P(MeshOptimization, DisplacedPlaneMovesTowardTheTrueSurface) {
         for (bool firstOrder : {true, false}) {
             // A flat mesh has no smoothness gradient in z: z moves by the
             // photometric step alone, and must close much of the gap.
-            const std::vector<float> v = optimise(scene, std::vector<uint8_t>(9, 1), 4, firstOrder);
+            const std::vector<float> v = optimise(device(), scene, std::vector<uint8_t>(9, 1), 4, firstOrder);
             double z = 0;
             for (size_t i = 2; i < v.size(); i += 3) z += v[i] / (v.size() / 3);
             EXPECT_LT(std::fabs(z), 0.8 * std::fabs(offset)) << "offset " << offset << " first order " << firstOrder;
@@ -94,14 +115,14 @@ TEST_P(MeshOptimization, PairsThroughACameraThatSeesNothingAddNothing) {
     scene.cameras[2] = tessaline::test::lookAtCamera(c, away, up, 100.0, 100.0, 47.5, 39.5);
     // Atomic sums in any thread order: each run's gradients may differ in the
     // last bits, which three steps grow to a few 1e-6 (moves are about 1e-2).
-    expectNear(optimise(scene, {0, 1, 1, 1, 0, 1, 1, 1, 0}, 3, true),
-               optimise(scene, {0, 1, 0, 1, 0, 0, 0, 0, 0}, 3, true), 2e-5f);
+    expectNear(optimise(device(), scene, {0, 1, 1, 1, 0, 1, 1, 1, 0}, 3, true),
+               optimise(device(), scene, {0, 1, 0, 1, 0, 0, 0, 0, 0}, 3, true), 2e-5f);
 }
 
 TEST_P(MeshOptimization, PrintsMemoryReportsAndAnOverwritingCounter) {
     const PlaneScene scene(2, 0.03, 0.02f);
     std::string out;
-    optimise(scene, {0, 1, 1, 0}, 2, true, &out);
+    optimise(device(), scene, {0, 1, 1, 0}, 2, true, &out);
     size_t at = 0;
     for (const char* part : {"Before allocating: device memory aviable: ", "MB  Total: ",
                              "\nAfter allocating: device memory aviable: ", "\rmesh optimizing iteration: 1/2",
@@ -113,7 +134,8 @@ TEST_P(MeshOptimization, PrintsMemoryReportsAndAnOverwritingCounter) {
     EXPECT_EQ(out.substr(out.size() - 2), "\n\n");
     // Fewer than one iteration: no counter, and the vertices as they came.
     for (int iterations : {0, -2}) {
-        EXPECT_EQ(optimise(scene, {0, 1, 1, 0}, iterations, true, &out), scene.mesh.vertices) << iterations;
+        EXPECT_EQ(optimise(device(), scene, {0, 1, 1, 0}, iterations, true, &out), scene.mesh.vertices)
+            << iterations;
         EXPECT_EQ(out.find("mesh optimizing iteration"), std::string::npos) << out;
     }
 }
@@ -123,7 +145,9 @@ TEST_P(MeshOptimization, RefusesInconsistentArgumentsAndTouchesNothing) {
     const PlaneScene good = scene;
     auto refused = [&](int width) {
         std::string out;
-        EXPECT_EQ(optimise(scene, {0, 1, 1, 0}, 2, true, &out, width), good.mesh.vertices);
+        DeviceStatus status = DeviceStatus::Ok;
+        EXPECT_EQ(optimise(device(), scene, {0, 1, 1, 0}, 2, true, &out, &status, width), good.mesh.vertices);
+        EXPECT_EQ(status, DeviceStatus::Refused) << out;
         EXPECT_TRUE(tessaline::test::isRefusal(out, "Integrated_Mesh_Optimization_CUDA: ")) << out;
         scene = good;
     };

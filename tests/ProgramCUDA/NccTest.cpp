@@ -1,4 +1,4 @@
-// The windowed NCC wrappers on every backend against a straightforward double
+// The windowed NCC entry points on every backend against a straightforward double
 // reference of the whole chain on random images, and their refusals.
 #include <gtest/gtest.h>
 
@@ -73,11 +73,11 @@ std::pair<std::vector<float>, std::vector<float>> randomImages(int W, int H, uns
     return {A, B};
 }
 
-class NccWrappers : public tessaline::test::OnEachBackend {};
+class NccEntryPoints : public tessaline::test::OnEachBackend {};
 
 // Sizes around the block of 16, windows of half-size 0 (the pixel alone) to
 // 3, images smaller than a window.
-TEST_P(NccWrappers, MatchTheDoubleReference) {
+TEST_P(NccEntryPoints, MatchTheDoubleReference) {
     const struct {
         int W, H, h;
     } sizes[] = {{15, 17, 2}, {16, 16, 2}, {17, 15, 2}, {33, 31, 2}, {33, 20, 1},
@@ -87,8 +87,11 @@ TEST_P(NccWrappers, MatchTheDoubleReference) {
         const Reference r(A, B, W, H, h);
         std::vector<float> grad(A.size(), 5.0f), cc(A.size(), 5.0f), cc2(A.size());
         std::vector<uint8_t> mask(A.size(), 5), mask2(A.size());
-        Compute_NCCGrad_CUDA(W, H, A.data(), B.data(), grad.data(), cc.data(), mask.data(), h);
-        Compute_CC_CUDA(W, H, A.data(), B.data(), cc2.data(), mask2.data(), h);
+        ASSERT_EQ(Compute_NCCGrad_CUDA(device(), NccGradArgs{W, H, A.data(), B.data(), grad.data(), cc.data(),
+                                                             mask.data(), h}),
+                  DeviceStatus::Ok);
+        ASSERT_EQ(Compute_CC_CUDA(device(), CcArgs{W, H, A.data(), B.data(), cc2.data(), mask2.data(), h}),
+                  DeviceStatus::Ok);
         EXPECT_EQ(mask, r.mask) << W << "x" << H << " h " << h;
         EXPECT_EQ(mask2, r.mask) << W << "x" << H << " h " << h;
         EXPECT_EQ(cc2, cc) << W << "x" << H << " h " << h;
@@ -100,20 +103,25 @@ TEST_P(NccWrappers, MatchTheDoubleReference) {
     }
 }
 
-TEST_P(NccWrappers, RefuseBadArgumentsWithoutTouchingTheOutputs) {
+TEST_P(NccEntryPoints, RefuseBadArgumentsWithoutTouchingTheOutputs) {
     std::vector<float> img(16, 3.0f), grad = img, cc = img;
     std::vector<uint8_t> mask(16, 3);
-    const std::pair<const char*, std::function<void()>> cases[] = {
-        {"Compute_CC_CUDA", [&] { Compute_CC_CUDA(4, 4, img.data(), nullptr, cc.data(), mask.data(), 1); }},
-        {"Compute_NCCGrad_CUDA",
-         [&] { Compute_NCCGrad_CUDA(4, 4, img.data(), img.data(), grad.data(), cc.data(), mask.data(), -1); }}};
-    for (const auto& [wrapper, call] : cases) {
-        const std::string out = tessaline::test::printedBy(call);
-        EXPECT_TRUE(tessaline::test::isRefusal(out, wrapper)) << out;
-        EXPECT_TRUE(grad == img && cc == img && mask == std::vector<uint8_t>(16, 3)) << wrapper;
+    const std::pair<const char*, std::function<DeviceStatus()>> cases[] = {
+        {"Compute_CC_CUDA",
+         [&] { return Compute_CC_CUDA(device(), CcArgs{4, 4, img.data(), nullptr, cc.data(), mask.data(), 1}); }},
+        {"Compute_NCCGrad_CUDA", [&] {
+             return Compute_NCCGrad_CUDA(
+                 device(), NccGradArgs{4, 4, img.data(), img.data(), grad.data(), cc.data(), mask.data(), -1});
+         }}};
+    for (const auto& [entry, call] : cases) {
+        DeviceStatus status = DeviceStatus::Ok;
+        const std::string out = tessaline::test::printedBy([&] { status = call(); });
+        EXPECT_EQ(status, DeviceStatus::Refused) << entry;
+        EXPECT_TRUE(tessaline::test::isRefusal(out, entry)) << out;
+        EXPECT_TRUE(grad == img && cc == img && mask == std::vector<uint8_t>(16, 3)) << entry;
     }
 }
 
-TESSALINE_INSTANTIATE_ON_BACKENDS(NccWrappers);
+TESSALINE_INSTANTIATE_ON_BACKENDS(NccEntryPoints);
 
 }  // namespace

@@ -7,10 +7,11 @@
 #include <cmath>
 #include <vector>
 
-#include "CpuBackend.h"
 #include "PlaneSceneSupport.h"
-#include "kernels/SingleStepKernels.h"
-#include "wrappers/IntegratedOptimization.h"
+#include "backend/CpuBackend.h"
+#include "backend/DeviceMemory.h"
+#include "optimization/MeshOptimization.h"
+#include "optimization/PhotometricGradientKernels.h"
 
 namespace {
 
@@ -47,7 +48,8 @@ TEST(PhotometricGradient, DescentDirectionAgreesWithFiniteDifferencesOfTheScore)
     call.meanDepthPass();
     const double start = score(call);
     const int nv = s.mesh.numV();
-    const std::vector<float> G(call.GRAD_PHOTO, call.GRAD_PHOTO + 3 * nv);
+    const std::vector<float> G(call.GRAD_PHOTO.get(), call.GRAD_PHOTO.get() + 3 * nv);
+    float* vertices = call.d_vertices.get();  // host memory on the CPU backend
     float largest = 0.0f, sum = 0.0f;
     for (int v = 0; v < nv; ++v) {
         EXPECT_TRUE(G[3 * v] == 0.0f && G[3 * v + 1] == 0.0f) << v;  // flat mesh, normals along z: so is the gradient
@@ -60,7 +62,7 @@ TEST(PhotometricGradient, DescentDirectionAgreesWithFiniteDifferencesOfTheScore)
         for (int i = 1; i < 4; ++i) {
             const int v = s.mesh.at(i, j);
             if (std::fabs(G[3 * v + 2]) < 0.2f * largest) continue;
-            float& z = call.d_vertices[3 * v + 2];
+            float& z = vertices[3 * v + 2];
             const float z0 = z;
             z = z0 + 0.004f;
             const double up = score(call);
@@ -71,9 +73,9 @@ TEST(PhotometricGradient, DescentDirectionAgreesWithFiniteDifferencesOfTheScore)
             ++checked;
         }
     EXPECT_GE(checked, 4);
-    for (int v = 0; v < nv; ++v) call.d_vertices[3 * v + 2] -= 0.01f * G[3 * v + 2] / largest;
+    for (int v = 0; v < nv; ++v) vertices[3 * v + 2] -= 0.01f * G[3 * v + 2] / largest;
     EXPECT_GT(score(call), start);
-    call.release();
+    EXPECT_FALSE(be.failed);
 }
 
 // One pixel whose ray is exactly (0, 0, 1): the reference looks along +z
@@ -99,19 +101,19 @@ struct OnePixel {
         const FixedPointScale scale = fixedPointScaleFor(1.0f);
         std::vector<unsigned long long> sums(9, 0);
         if (perPair) {
-            Texture2D target = be.makeTexture2D(ramp.data(), W, H);
+            const auto target = makeImageTexture(be, ramp.data(), W, H);
             be.launch(ImageGrid{W, H}, Kernel_AddPhotometricGradient_ImagePair_CUDA{
-                            1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), tar, nullptr,
-                            nullptr, b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3, sums.data(),
-                            scale.toFixed, hits.data(), target});
-            be.releaseTexture2D(target);
+                                           {1, facets.data(), normal.data(), W, H, ref, depth.data(),
+                                            facetRef.data(), tar, b.data(), c.data(), g.data(), mask.data(), 1.0f,
+                                            1.0f, sums.data(), scale.toFixed, hits.data(),
+                                            ImageFetch{target.view()}}});
         } else {
-            LayeredTexture tex = be.makeLayeredTexture(ramp.data(), W, H, 1);
+            const auto stack = makeImageStack(be, ramp.data(), W, H, 1);
             be.launch(ImageGrid{W, H}, Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
-                            1, facets.data(), normal.data(), W, H, ref, depth.data(), facetRef.data(), 0, tar,
-                            nullptr, nullptr, 0, b.data(), c.data(), g.data(), mask.data(), 1.0f, 1.0f, 3,
-                            sums.data(), scale.toFixed, hits.data(), tex});
-            be.releaseLayeredTexture(tex);
+                                           {1, facets.data(), normal.data(), W, H, ref, depth.data(),
+                                            facetRef.data(), tar, b.data(), c.data(), g.data(), mask.data(), 1.0f,
+                                            1.0f, sums.data(), scale.toFixed, hits.data(),
+                                            StackLayerFetch{stack.view(), 0}}});
         }
         for (int i = 0; i < 9; ++i) grad[i] = fromFixedPoint(sums[i], scale.toFloat);
     }

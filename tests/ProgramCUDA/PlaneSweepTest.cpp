@@ -17,7 +17,7 @@
 
 #include "DeviceTestSupport.h"
 #include "PlaneSceneSupport.h"
-#include "kernels/PlaneSweepHomographyKernels.h"
+#include "planesweep/HomographyKernels.h"
 
 namespace {
 
@@ -88,34 +88,48 @@ struct Maps {
     std::string output;
 };
 
-// Runs `call(depth, score)` on cleared ow x oh maps and keeps what it printed.
-// Every sweep must leave the printf ring closed behind it.
-Maps sweep(int ow, int oh, const std::function<void(float*, float*)>& call) {
+// The common inputs of a sweep of the scene's W x H images onto an
+// out_width x out_height grid.
+SweepInputs sweepInputs(const Scene& s, const std::vector<mycamera_cuda>& cameras, int ow, int oh, int subsample,
+                        float* depth, float* score, float start, float step, int planes) {
+    return SweepInputs{s.neighbours(), W,     H,     s.stack.data(), cameras.data(), ow,    oh,
+                       subsample,      depth, score, start,          step,           planes};
+}
+
+// Runs `call(depth, score)` on cleared ow x oh maps and keeps what it printed;
+// the call must succeed. Every sweep must leave the printf ring closed
+// behind it.
+Maps sweep(const DeviceHandle& device, int ow, int oh, const std::function<DeviceStatus(float*, float*)>& call) {
     Maps m{std::vector<float>(size_t(ow) * oh, 0.0f), std::vector<float>(size_t(ow) * oh, 0.0f), ""};
-    m.output = printedBy([&] { call(m.depth.data(), m.score.data()); });
-    EXPECT_EQ(cuPrintfDisplay(stdout, true), 1) << "the printf ring is still armed";
+    DeviceStatus status = DeviceStatus::Failed;
+    m.output = printedBy([&] { status = call(m.depth.data(), m.score.data()); });
+    EXPECT_EQ(status, DeviceStatus::Ok) << m.output;
+    EXPECT_EQ(cuPrintfDisplay(device, stdout, true), 1) << "the printf ring is still armed";
     return m;
 }
 
-Maps invDepthSweep(const Scene& s, float start, float step, int planes, int subsample = 1) {
+Maps invDepthSweep(const DeviceHandle& device, const Scene& s, float start, float step, int planes,
+                   int subsample = 1) {
     const int ow = W / subsample, oh = H / subsample;
-    return sweep(ow, oh, [&](float* d, float* sc) {
-        PlaneSweep_InvDepth_CUDA(s.neighbours(), W, H, s.stack.data(), s.cameras.data(), ow, oh, subsample, d, sc,
-                                 start, step, planes);
+    return sweep(device, ow, oh, [&](float* d, float* sc) {
+        return PlaneSweep_InvDepth_CUDA(
+            device, InvDepthSweepArgs{sweepInputs(s, s.cameras, ow, oh, subsample, d, sc, start, step, planes)});
     });
 }
 
-Maps heightSweep(const Scene& s, float start, float step, int planes, const float plane[4]) {
-    return sweep(W, H, [&](float* d, float* sc) {
-        PlaneSweep_Height_CUDA(s.neighbours(), W, H, s.stack.data(), s.cameras.data(), W, H, 1, d, sc, start, step,
-                               planes, plane);
+Maps heightSweep(const DeviceHandle& device, const Scene& s, float start, float step, int planes,
+                 const float plane[4]) {
+    return sweep(device, W, H, [&](float* d, float* sc) {
+        HeightSweepArgs args{sweepInputs(s, s.cameras, W, H, 1, d, sc, start, step, planes)};
+        std::copy(plane, plane + 4, args.plane);
+        return PlaneSweep_Height_CUDA(device, args);
     });
 }
 
-Maps homographySweep(const Scene& s, float start, float step, int planes, int levels) {
-    return sweep(W, H, [&](float* d, float* sc) {
-        PlaneSweep_Homography_CUDA(s.neighbours(), W, H, s.stack.data(), s.relative.data(), W, H, 1, d, sc, start, step,
-                                   planes, levels);
+Maps homographySweep(const DeviceHandle& device, const Scene& s, float start, float step, int planes, int levels) {
+    return sweep(device, W, H, [&](float* d, float* sc) {
+        return PlaneSweep_Homography_CUDA(
+            device, HomographySweepArgs{sweepInputs(s, s.relative, W, H, 1, d, sc, start, step, planes), levels});
     });
 }
 
@@ -146,12 +160,13 @@ TEST_P(PlaneSweep, EverySweepRecoversThePlane) {
         std::function<double(int, int, float)> error;  // of the value at cell (x, y)
     } cases[] = {
         // Distances run from about 2.0 to 2.35: planes 1/2.4 .. 1/1.7.
-        {"inverse distance", oblique, invDepthSweep(oblique, 1.0f / 2.4f, 0.004f, 43),
+        {"inverse distance", oblique, invDepthSweep(device(), oblique, 1.0f / 2.4f, 0.004f, 43),
          "run kernel...\nthreads per block: 32 32\nnumber of blocks: 4 3\ncopy back data...\n", 4.0, 0.03, 0.003,
          [&](int x, int y, float v) { return relative(oblique, 1.0 / v, x, y); }},
-        {"height", oblique, heightSweep(oblique, 0.3f, 0.01f, 61, plane), "copy back data...\n", 4.0, 0.06, 0.01,
+        {"height", oblique, heightSweep(device(), oblique, 0.3f, 0.01f, 61, plane), "copy back data...\n", 4.0, 0.06,
+         0.01,
          [](int, int, float v) { return v - 0.6; }},
-        {"homography", frontal, homographySweep(frontal, 1.9f, 0.01f, 21, 2), "", 5.0, 0.006, 0.0015,
+        {"homography", frontal, homographySweep(device(), frontal, 1.9f, 0.01f, 21, 2), "", 5.0, 0.006, 0.0015,
          [&](int x, int y, float v) { return relative(frontal, v, x, y); }}};
     for (const auto& c : cases) {
         EXPECT_EQ(c.maps.output, c.printed) << c.sweep;
@@ -171,7 +186,8 @@ TEST_P(PlaneSweep, EverySweepRecoversThePlane) {
 
 TEST_P(PlaneSweep, SubsampledGridReadsEverySubsampleThPixel) {
     const Scene s = obliqueScene();
-    const Maps full = invDepthSweep(s, 0.42f, 0.004f, 43), half = invDepthSweep(s, 0.42f, 0.004f, 43, 2);
+    const Maps full = invDepthSweep(device(), s, 0.42f, 0.004f, 43),
+               half = invDepthSweep(device(), s, 0.42f, 0.004f, 43, 2);
     EXPECT_EQ(half.output, "run kernel...\nthreads per block: 32 32\nnumber of blocks: 2 2\ncopy back data...\n");
     for (int y = 0; y < H / 2; ++y)
         for (int x = 0; x < W / 2; ++x) {
@@ -187,7 +203,7 @@ TEST_P(PlaneSweep, SubsampledGridReadsEverySubsampleThPixel) {
 
 TEST_P(PlaneSweep, TwoPlanesLeaveTheDepthUnwritten) {
     // Value 0 is then scored: the point at infinity, which no neighbour sees.
-    const Maps m = invDepthSweep(obliqueScene(), 0.45f, 0.01f, 2);
+    const Maps m = invDepthSweep(device(), obliqueScene(), 0.45f, 0.01f, 2);
     EXPECT_EQ(m.depth, std::vector<float>(m.depth.size(), 0.0f));
     EXPECT_EQ(m.score, std::vector<float>(m.score.size(), -1.0f));
 }
@@ -197,11 +213,13 @@ TEST_P(PlaneSweep, TwoPlanesLeaveTheDepthUnwritten) {
 TEST_P(PlaneSweep, FlatImagesKeepPlaneOne) {
     Scene flat = obliqueScene();
     std::fill(flat.stack.begin(), flat.stack.end(), uint8_t(255));
-    const Maps m = invDepthSweep(flat, 0.45f, 0.01f, 8);
+    const Maps m = invDepthSweep(device(), flat, 0.45f, 0.01f, 8);
     for (int y = 6; y < H - 6; ++y)
         for (int x = 6; x < W - 6; ++x) {
             EXPECT_EQ(m.depth[y * W + x], 0.01f + 0.45f) << x << "," << y;
-            if (seenByAll(flat, x, y, 4.0)) EXPECT_EQ(m.score[y * W + x], 0.0f) << x << "," << y;
+            if (seenByAll(flat, x, y, 4.0)) {
+                EXPECT_EQ(m.score[y * W + x], 0.0f) << x << "," << y;
+            }
         }
 }
 
@@ -213,10 +231,10 @@ TEST_P(PlaneSweep, PointsThatNoNeighbourSeesScoreMinusOne) {
     blind.cameras.push_back(tessaline::test::lookAtCamera(c, target, up, F, F, 0.5 * (W - 1), 0.5 * (H - 1)));
     const std::vector<uint8_t> img = renderPlaneImage(blind.cameras.back(), W, H);
     blind.stack.insert(blind.stack.end(), img.begin(), img.end());
-    const Maps unseen = invDepthSweep(blind, 0.42f, 0.01f, 12);
+    const Maps unseen = invDepthSweep(device(), blind, 0.42f, 0.01f, 12);
     EXPECT_EQ(unseen.score, std::vector<float>(unseen.score.size(), -1.0f));
     // A negative inverse distance lies behind the reference.
-    const Maps m = invDepthSweep(obliqueScene(), -0.6f, 0.01f, 21);
+    const Maps m = invDepthSweep(device(), obliqueScene(), -0.6f, 0.01f, 21);
     int negative = 0;
     for (size_t i = 0; i < m.depth.size(); ++i)
         if (m.depth[i] < 0.0f) {
@@ -229,7 +247,7 @@ TEST_P(PlaneSweep, PointsThatNoNeighbourSeesScoreMinusOne) {
 TEST_P(PlaneSweep, HomographyBorderTestsAreStrict) {
     // One level, half-size 2: a pixel coordinate of 2 or less, or of the
     // size minus 2 or more, is out; 3 and the size minus 3 are in.
-    const Maps m = homographySweep(frontalScene(), 1.9f, 0.02f, 11, 1);
+    const Maps m = homographySweep(device(), frontalScene(), 1.9f, 0.02f, 11, 1);
     const int y = H / 2, x = W / 2;
     for (int edge : {0, 1, 2, W - 2, W - 1}) EXPECT_EQ(m.score[y * W + edge], 0.0f) << "x " << edge;
     for (int edge : {0, 1, 2, H - 2, H - 1}) EXPECT_EQ(m.score[edge * W + x], 0.0f) << "y " << edge;
@@ -241,24 +259,47 @@ TEST_P(PlaneSweep, BadArgumentsAreRefusedWithoutTouchingTheOutputs) {
     const Scene s = frontalScene();
     std::vector<float> depth(size_t(W) * H, 7.0f), score = depth;
     float *d = depth.data(), *sc = score.data();
-    const uint8_t* st = s.stack.data();
-    const float plane[4] = {0, 0, 1, 0};
-    const std::pair<const char*, std::function<void()>> cases[] = {
+    const DeviceHandle& dev = device();
+    // Valid inputs, each case spoiling one of them.
+    auto homography = [&](int planes, int levels) {
+        return HomographySweepArgs{sweepInputs(s, s.relative, W, H, 1, d, sc, 1.9f, 0.1f, planes), levels};
+    };
+    auto invDepth = [&] { return InvDepthSweepArgs{sweepInputs(s, s.cameras, W, H, 1, d, sc, 0.5f, 0.01f, 5)}; };
+    auto height = [&] { return HeightSweepArgs{sweepInputs(s, s.cameras, W, H, 1, d, sc, 0.0f, 0.01f, 5)}; };
+    const std::pair<const char*, std::function<DeviceStatus()>> cases[] = {
         {"PlaneSweep_Homography_CUDA",  // fewer than 3 planes
-         [&] { PlaneSweep_Homography_CUDA(2, W, H, st, s.relative.data(), W, H, 1, d, sc, 1.9f, 0.1f, 2, 1); }},
+         [&] { return PlaneSweep_Homography_CUDA(dev, homography(2, 1)); }},
         {"PlaneSweep_Homography_CUDA",  // a negative number of levels
-         [&] { PlaneSweep_Homography_CUDA(2, W, H, st, s.relative.data(), W, H, 1, d, sc, 1.9f, 0.1f, 5, -1); }},
+         [&] { return PlaneSweep_Homography_CUDA(dev, homography(5, -1)); }},
         {"PlaneSweep_InvDepth_CUDA",  // no neighbour
-         [&] { PlaneSweep_InvDepth_CUDA(0, W, H, st, s.cameras.data(), W, H, 1, d, sc, 0.5f, 0.01f, 5); }},
+         [&] {
+             InvDepthSweepArgs a = invDepth();
+             a.sweep.num_neighbours = 0;
+             return PlaneSweep_InvDepth_CUDA(dev, a);
+         }},
         {"PlaneSweep_InvDepth_CUDA",  // subsample 0
-         [&] { PlaneSweep_InvDepth_CUDA(2, W, H, st, s.cameras.data(), W, H, 0, d, sc, 0.5f, 0.01f, 5); }},
-        {"PlaneSweep_Height_CUDA",  // no plane
-         [&] { PlaneSweep_Height_CUDA(2, W, H, st, s.cameras.data(), W, H, 1, d, sc, 0.0f, 0.01f, 5, nullptr); }},
+         [&] {
+             InvDepthSweepArgs a = invDepth();
+             a.sweep.subsample = 0;
+             return PlaneSweep_InvDepth_CUDA(dev, a);
+         }},
+        {"PlaneSweep_Height_CUDA",  // no cameras
+         [&] {
+             HeightSweepArgs a = height();
+             a.sweep.cameras = nullptr;
+             return PlaneSweep_Height_CUDA(dev, a);
+         }},
         {"PlaneSweep_Height_CUDA",  // no images
-         [&] { PlaneSweep_Height_CUDA(2, W, H, nullptr, s.cameras.data(), W, H, 1, d, sc, 0.0f, 0.01f, 5, plane); }}};
-    for (const auto& [wrapper, call] : cases) {
-        const std::string out = printedBy(call);
-        EXPECT_TRUE(tessaline::test::isRefusal(out, wrapper)) << out;
+         [&] {
+             HeightSweepArgs a = height();
+             a.sweep.image_stack = nullptr;
+             return PlaneSweep_Height_CUDA(dev, a);
+         }}};
+    for (const auto& [entry, call] : cases) {
+        DeviceStatus status = DeviceStatus::Ok;
+        const std::string out = printedBy([&] { status = call(); });
+        EXPECT_EQ(status, DeviceStatus::Refused) << out;
+        EXPECT_TRUE(tessaline::test::isRefusal(out, entry)) << out;
         ASSERT_EQ(depth, std::vector<float>(depth.size(), 7.0f)) << out;
         ASSERT_EQ(score, std::vector<float>(score.size(), 7.0f)) << out;
     }
@@ -274,14 +315,12 @@ TEST(PlaneSweepParity, BackendsAgreeBitForBit) {
     const Scene s = obliqueScene(), f = frontalScene();
     const float plane[4] = {0.0f, 0.0f, 2.0f, 0.6f};
     Maps maps[2][3];
-    const DeviceBackend backends[2] = {DeviceBackend::Cpu, DeviceBackend::Cuda};
+    const DeviceHandle devices[2] = {cpuDevice(), cudaDevice()};
     for (int b = 0; b < 2; ++b) {
-        ASSERT_TRUE(setActiveDeviceBackend(backends[b]));
-        maps[b][0] = invDepthSweep(s, 0.42f, 0.004f, 40);
-        maps[b][1] = heightSweep(s, 0.3f, 0.01f, 61, plane);
-        maps[b][2] = homographySweep(f, 1.9f, 0.01f, 21, 2);
+        maps[b][0] = invDepthSweep(devices[b], s, 0.42f, 0.004f, 40);
+        maps[b][1] = heightSweep(devices[b], s, 0.3f, 0.01f, 61, plane);
+        maps[b][2] = homographySweep(devices[b], f, 1.9f, 0.01f, 21, 2);
     }
-    setActiveDeviceBackend(DeviceBackend::Cpu);
     auto differing = [](const std::vector<float>& a, const std::vector<float>& b) {
         size_t n = a.size() == b.size() ? 0 : a.size() + b.size();
         for (size_t i = 0; i < a.size() && i < b.size(); ++i) n += std::memcmp(&a[i], &b[i], sizeof(float)) != 0;
@@ -304,8 +343,7 @@ TEST(HomographyWarp, IdentityCopiesTheImageInsideTheStrictBorder) {
     for (size_t i = 0; i < img.size(); ++i) img[i] = uint8_t((i * 37 + 11) % 256);
     tessaline::LayeredTexture tex;
     tex.data = img.data(), tex.width = w, tex.height = h, tex.layers = 2;
-    const tessaline::Kernel_Homography_Image_Warp_CUDA k{w,   h, 1, 1, 0, 0, 0, 1, 0, 0, 0, 1, warped.data(),
-                                                         pitch, 0.5f, tex};
+    const tessaline::Kernel_Homography_Image_Warp_CUDA k{w, h, 1, 1, 0, 0, 0, 1, 0, 0, 0, 1, warped.data(), pitch, tex};
     for (int y = 0; y < h + 3; ++y)
         for (int x = 0; x < pitch; ++x) k(x, y);
     for (int y = 0; y < h + 3; ++y)

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "DeviceTestSupport.h"
-#include "cuPrintf/cuPrintf.h"
-#include "cuPrintf/cuPrintfDisplay.h"
+#include "printf/cuPrintf.h"
+#include "printf/cuPrintfDisplay.h"
 
 namespace {
 
@@ -30,9 +30,9 @@ struct Shown {
     std::string text;
 };
 
-Shown display(bool showThreadIds) {
+Shown displayRing(const DeviceHandle& device, bool showThreadIds) {
     Shown s{0, ""};
-    s.text = printedBy([&] { s.status = cuPrintfDisplay(stdout, showThreadIds); });
+    s.text = printedBy([&] { s.status = cuPrintfDisplay(device, stdout, showThreadIds); });
     return s;
 }
 
@@ -53,18 +53,21 @@ T at(const std::vector<uint8_t>& bytes, size_t offset) {
 
 class PrintfRing : public OnEachBackend {
    protected:
-    void TearDown() override {
-        cuPrintfEnd();
-        OnEachBackend::TearDown();
+    void TearDown() override { cuPrintfEnd(device()); }
+
+    // CHECK_FUNC_CUDA on n threads over the gradient g; must not be refused.
+    void checkFunc(const std::vector<float>& g, int n, int callIndex) {
+        EXPECT_EQ(CHECK_FUNC_CUDA(device(), CheckFuncArgs{g.data(), int(g.size()), n, callIndex}), DeviceStatus::Ok);
     }
+    Shown display(bool showThreadIds) { return displayRing(device(), showThreadIds); }
 };
 
 TEST_P(PrintfRing, CheckFuncRecordHasTheRecordLayout) {
-    ASSERT_EQ(cuPrintfInit(1048576), 0);
+    ASSERT_EQ(cuPrintfInit(device(), 1048576), 0);
     const std::vector<float> g = gradient(1.5f, -2.25f, 0.125f);
-    CHECK_FUNC_CUDA(g.data(), kValues, 1, 7);
+    checkFunc(g, 1, 7);
     std::vector<uint8_t> ring(512, 0xEE);
-    ASSERT_EQ(cuPrintfCopyRing(ring.data(), ring.size()), 0);
+    ASSERT_EQ(cuPrintfCopyRing(device(), ring.data(), ring.size()), 0);
 
     EXPECT_EQ(at<uint16_t>(ring, 0), 0xC811);
     EXPECT_EQ(at<uint16_t>(ring, 2), 72);  // fmtOffset
@@ -82,15 +85,15 @@ TEST_P(PrintfRing, CheckFuncRecordHasTheRecordLayout) {
     EXPECT_EQ(s.status, 0);
     EXPECT_EQ(s.text, "[0, 0]: Call 7 GRAD_PHOTO 1.500000 -2.250000 0.125000\n");
     // The display clears the ring.
-    ASSERT_EQ(cuPrintfCopyRing(ring.data(), ring.size()), 0);
+    ASSERT_EQ(cuPrintfCopyRing(device(), ring.data(), ring.size()), 0);
     EXPECT_EQ(ring, std::vector<uint8_t>(ring.size(), 0));
 }
 
 TEST_P(PrintfRing, EveryThreadGetsItsOwnSlot) {
-    ASSERT_EQ(cuPrintfInit(1048576), 0);
+    ASSERT_EQ(cuPrintfInit(device(), 1048576), 0);
     const std::vector<float> g = gradient(0.5f, 0.25f, -1.0f);
     const int n = 1300;  // three blocks of 512
-    CHECK_FUNC_CUDA(g.data(), kValues, n, 2);
+    checkFunc(g, n, 2);
     std::multiset<std::string> shown, expected;
     std::istringstream text(display(true).text);
     for (std::string line; std::getline(text, line);) shown.insert(line);
@@ -106,33 +109,36 @@ TEST_P(PrintfRing, EveryThreadGetsItsOwnSlot) {
 TEST_P(PrintfRing, RingHoldsTheNewestWholeSlots) {
     const std::vector<float> g = gradient(1, 2, 3);
     for (auto [bytes, printed, shown] : {std::array{0, 2, 1}, {257, 3, 2}, {1024, 4, 4}, {1024, 6, 4}}) {
-        ASSERT_EQ(cuPrintfInit(size_t(bytes)), 0);
-        CHECK_FUNC_CUDA(g.data(), kValues, printed, 1);
+        ASSERT_EQ(cuPrintfInit(device(), size_t(bytes)), 0);
+        checkFunc(g, printed, 1);
         EXPECT_EQ(lines(display(false).text), size_t(shown)) << bytes << " bytes, " << printed << " records";
     }
-    ASSERT_EQ(cuPrintfInit(512), 0);
-    for (int call : {1, 2, 3}) CHECK_FUNC_CUDA(g.data(), kValues, 1, call);
+    ASSERT_EQ(cuPrintfInit(device(), 512), 0);
+    for (int call : {1, 2, 3}) checkFunc(g, 1, call);
     EXPECT_EQ(display(false).text, "Call 2 GRAD_PHOTO 1.000000 2.000000 3.000000\n"
                                    "Call 3 GRAD_PHOTO 1.000000 2.000000 3.000000\n");
 }
 
 TEST_P(PrintfRing, EmptyAndRepeatedDisplaysAndRefusedCallsPrintNothing) {
     EXPECT_EQ(display(true).status, 1);  // no ring armed
-    ASSERT_EQ(cuPrintfInit(1048576), 0);
+    ASSERT_EQ(cuPrintfInit(device(), 1048576), 0);
     const std::vector<float> g = gradient(1, 2, 3);
     // One value short of vertex 23567: refused before any launch.
-    const std::string out = printedBy([&] { CHECK_FUNC_CUDA(g.data(), kValues - 1, 1, 0); });
+    DeviceStatus status = DeviceStatus::Ok;
+    const std::string out =
+        printedBy([&] { status = CHECK_FUNC_CUDA(device(), CheckFuncArgs{g.data(), kValues - 1, 1, 0}); });
+    EXPECT_EQ(status, DeviceStatus::Refused);
     EXPECT_TRUE(tessaline::test::isRefusal(out, "CHECK_FUNC_CUDA")) << out;
     const Shown none = display(true);
     EXPECT_EQ(none.status, 0);
     EXPECT_EQ(none.text, "");
-    CHECK_FUNC_CUDA(g.data(), kValues, 3, 9);
+    checkFunc(g, 3, 9);
     EXPECT_EQ(lines(display(false).text), 3u);
     // The cursor stays where it was, and the first slot, which the display
     // tests, stays empty until the cursor comes round again.
-    CHECK_FUNC_CUDA(g.data(), kValues, 3, 9);
+    checkFunc(g, 3, 9);
     EXPECT_EQ(display(false).text, "");
-    cuPrintfEnd();
+    cuPrintfEnd(device());
     EXPECT_EQ(display(true).status, 1);
 }
 
@@ -144,11 +150,9 @@ TESSALINE_INSTANTIATE_ON_BACKENDS(PrintfRing);
 
 class CpuPrintf : public ::testing::Test {
    protected:
-    void SetUp() override {
-        ASSERT_TRUE(setActiveDeviceBackend(DeviceBackend::Cpu));
-        ASSERT_EQ(cuPrintfInit(1048576), 0);
-    }
-    void TearDown() override { cuPrintfEnd(); }
+    void SetUp() override { ASSERT_EQ(cuPrintfInit(cpuDevice(), 1048576), 0); }
+    void TearDown() override { cuPrintfEnd(cpuDevice()); }
+    Shown display(bool showThreadIds) { return displayRing(cpuDevice(), showThreadIds); }
 };
 
 TEST_F(CpuPrintf, FormatOf167CharactersFitsBehindFourArgumentsAnd168DoesNot) {
@@ -160,7 +164,7 @@ TEST_F(CpuPrintf, FormatOf167CharactersFitsBehindFourArgumentsAnd168DoesNot) {
     const Shown s = display(true);
     EXPECT_EQ(s.text, "[0, 0]: " + fits + "[0, 0]: printf buffer overflow\n");
     // With ids hidden the overflow record loses its thread prefix.
-    ASSERT_EQ(cuPrintfInit(1048576), 0);
+    ASSERT_EQ(cuPrintfInit(cpuDevice(), 1048576), 0);
     EXPECT_EQ(cuPrintf(std::string(300, 'x').c_str(), 1, 2, 3, 4), 0);
     EXPECT_EQ(display(false).text, "printf buffer overflow\n");
 }
@@ -189,7 +193,7 @@ TEST_F(CpuPrintf, RestrictFiltersThreadsAndBlocks) {
     EXPECT_GT(cuPrintf("all\n"), 0);
     origin = tessaline::printfring::PrintfOrigin{};
     EXPECT_EQ(display(true).text, "[1, 5]: mine\n[1, 5]: all\n");
-    cuPrintfEnd();  // a closed ring takes no slot
+    cuPrintfEnd(cpuDevice());  // a closed ring takes no slot
     EXPECT_EQ(cuPrintf("lost\n"), 0);
 }
 

@@ -1,8 +1,8 @@
-// The single-step wrappers against the integrated kernels they mirror: the
-// per-pair gradient and its accumulation across calls, the masked descent and
-// the smoothness fairing, and the refusals of all four. (The per-pair warp is
-// checked with the warp kernel, the per-pair cosine limit with the gradient
-// kernels.)
+// The single-step entry points against the integrated kernels they mirror:
+// the per-pair gradient and its accumulation across calls, the masked descent
+// and the smoothness fairing, and the refusals of all four. (The per-pair
+// warp is checked with the warp kernel, the per-pair cosine limit with the
+// gradient kernels.)
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,8 +14,8 @@
 
 #include "DeviceTestSupport.h"
 #include "PlaneSceneSupport.h"
-#include "kernels/PhotometricGradientKernels.h"
-#include "kernels/SingleStepKernels.h"
+#include "FixedPointSum.h"
+#include "optimization/PhotometricGradientKernels.h"
 
 namespace {
 
@@ -26,10 +26,11 @@ using tessaline::test::printedBy;
 constexpr int W = PlaneScene::W, H = PlaneScene::H;
 constexpr size_t kPixels = size_t(W) * H;
 
-tessaline::test::ZRender render(const PlaneScene& s, int camera) {
-    return tessaline::test::zbuffer(s.mesh.vertices, s.mesh.facets, s.cameras[camera], W, H);
+tessaline::test::ZRender render(const DeviceHandle& device, const PlaneScene& s, int camera) {
+    return tessaline::test::zbuffer(device, s.mesh.vertices, s.mesh.facets, s.cameras[camera], W, H);
 }
 
+// The scene's images as the CPU sampler reads a layered texture.
 tessaline::LayeredTexture stackTexture(const PlaneScene& s) {
     tessaline::LayeredTexture tex;
     tex.data = s.images.data(), tex.width = W, tex.height = H, tex.layers = int(s.cameras.size());
@@ -38,14 +39,16 @@ tessaline::LayeredTexture stackTexture(const PlaneScene& s) {
 
 const uint8_t* image(const PlaneScene& s, int camera) { return s.images.data() + size_t(camera) * kPixels; }
 
-// The inputs of one pair's gradient accumulation, camera 0 against camera 1.
+// The inputs of one pair's gradient accumulation, camera 0 against camera 1,
+// rendered on `device`.
 struct PairGradientInputs {
     PlaneScene scene{2, 0.0};
-    tessaline::test::ZRender ref = render(scene, 0), tar = render(scene, 1);
+    tessaline::test::ZRender ref, tar;
     std::vector<float> normals, ncc;
     std::vector<uint8_t> mask;
 
-    PairGradientInputs() {
+    explicit PairGradientInputs(const DeviceHandle& device)
+        : ref(render(device, scene, 0)), tar(render(device, scene, 1)) {
         for (int f = 0; f < scene.mesh.numF(); ++f) normals.insert(normals.end(), {0.0f, 0.0f, -1.0f});
         ncc.resize(kPixels);
         for (size_t i = 0; i < kPixels; ++i) ncc[i] = std::sin(0.37f * float(i));
@@ -53,25 +56,47 @@ struct PairGradientInputs {
         for (size_t i = 0; i < kPixels; ++i) mask[i] = ref.facet[i] >= 0;
     }
 
-    void addOnDevice(std::vector<float>& grad, std::vector<float>& hits) const {
+    DeviceStatus addOnDevice(const DeviceHandle& device, std::vector<float>& grad, std::vector<float>& hits) const {
         const auto& m = scene.mesh;
-        AddPhotometricGradient_ImagePair_CUDA(m.numF(), m.facets.data(), normals.data(), W, H, scene.cameras[0],
-                                              image(scene, 0), ref.depth.data(), ref.facet.data(), scene.cameras[1],
-                                              image(scene, 1), tar.depth.data(), tar.facet.data(), ref.b.data(),
-                                              ref.c.data(), ncc.data(), mask.data(), 2.0f, 2.0f, m.numV(),
-                                              grad.data(), hits.data());
+        PairGradientArgs args;
+        args.num_f = m.numF();
+        args.facets = m.facets.data();
+        args.facet_normals = normals.data();
+        args.width = W;
+        args.height = H;
+        args.camera_ref = scene.cameras[0];
+        args.depth_ref = ref.depth.data();
+        args.facet_ref = ref.facet.data();
+        args.camera_tar = scene.cameras[1];
+        args.image_tar = image(scene, 1);
+        args.bary_b_ref = ref.b.data();
+        args.bary_c_ref = ref.c.data();
+        args.ncc_grad = ncc.data();
+        args.visible_mask = mask.data();
+        args.mean_depth_ref = 2.0f;
+        args.mean_depth_tar = 2.0f;
+        args.num_v = m.numV();
+        args.grad_photo = grad.data();
+        args.vt_pair_hits = hits.data();
+        return AddPhotometricGradient_ImagePair_CUDA(device, args);
     }
 
     // The integrated kernel of the same pair, run here pixel by pixel, its
-    // fixed-point sums on the scale of the pair's mean depth 2.
+    // fixed-point sums on the scale of the pair's mean depth 2. This runs on
+    // the host whatever the backend under test: a kernel reaches the CUDA
+    // backend only from CUDA code, which this test is not. Against the CPU
+    // the comparison is the stronger one: it requires the entry point on
+    // either backend to give the CPU's bytes, which holds exactly because
+    // the CPU sampler returns what the texture unit returns (TextureSampler
+    // tests) and the sums are fixed point.
     void addIntegrated(std::vector<float>& grad, std::vector<float>& hits) const {
         const auto& m = scene.mesh;
         const tessaline::FixedPointScale scale = tessaline::fixedPointScaleFor(2.0f);
         std::vector<unsigned long long> sums(grad.size(), 0);
         const tessaline::Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA k{
-            m.numF(), m.facets.data(), normals.data(), W, H, scene.cameras[0], ref.depth.data(), ref.facet.data(), 0,
-            scene.cameras[1], tar.depth.data(), tar.facet.data(), 1, ref.b.data(), ref.c.data(), ncc.data(),
-            mask.data(), 2.0f, 2.0f, m.numV(), sums.data(), scale.toFixed, hits.data(), stackTexture(scene)};
+            {m.numF(), m.facets.data(), normals.data(), W, H, scene.cameras[0], ref.depth.data(), ref.facet.data(),
+             scene.cameras[1], ref.b.data(), ref.c.data(), ncc.data(), mask.data(), 2.0f, 2.0f, sums.data(),
+             scale.toFixed, hits.data(), tessaline::StackLayerFetch{stackTexture(scene), 1}}};
         for (int y = 0; y < H; ++y)
             for (int x = 0; x < W; ++x) k(x, y);
         for (size_t i = 0; i < grad.size(); ++i) grad[i] += tessaline::fromFixedPoint(sums[i], scale.toFloat);
@@ -81,13 +106,13 @@ struct PairGradientInputs {
 class SingleStep : public OnEachBackend {};
 
 TEST_P(SingleStep, PerPairGradientEqualsTheIntegratedOneAndAddsToEarlierSums) {
-    const PairGradientInputs in;
+    const PairGradientInputs in(device());
     const int nv = in.scene.mesh.numV();
     std::vector<float> once(3 * size_t(nv), 0.0f), onceHits(nv, 0.0f);
     in.addIntegrated(once, onceHits);
     std::vector<float> grad(3 * size_t(nv), 0.25f), hits(nv, 2.0f);
-    in.addOnDevice(grad, hits);
-    in.addOnDevice(grad, hits);
+    ASSERT_EQ(in.addOnDevice(device(), grad, hits), DeviceStatus::Ok);
+    ASSERT_EQ(in.addOnDevice(device(), grad, hits), DeviceStatus::Ok);
     float largest = 0.0f;
     for (float g : once) largest = std::max(largest, std::fabs(g));
     EXPECT_GT(largest, 1e-3f);
@@ -103,16 +128,18 @@ TEST_P(SingleStep, PerPairGradientEqualsTheIntegratedOneAndAddsToEarlierSums) {
 }
 
 // The smoothness descent on the scene's rings.
-void descend(const PlaneScene& s, float* vertices, const uint8_t* mask, int iterations) {
-    Smoothness_GradientDescent_CUDA(s.mesh.numV(), vertices, s.mesh.numF(), s.mesh.facets.data(),
-                                    int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
-                                    s.rings.offsets.data(), mask, iterations);
+DeviceStatus descend(const DeviceHandle& device, const PlaneScene& s, float* vertices, const uint8_t* mask,
+                     int iterations) {
+    return Smoothness_GradientDescent_CUDA(
+        device, SmoothnessDescentArgs{s.mesh.numV(), vertices, int(s.rings.list.size()), s.rings.list.data(),
+                                      s.rings.counts.data(), s.rings.offsets.data(), mask, iterations});
 }
 
-void smoothnessGradient(const PlaneScene& s, const float* vertices, float* gradient) {
-    ComputeSmoothnessGradient_CUDA(s.mesh.numV(), vertices, s.mesh.numF(), s.mesh.facets.data(),
-                                   int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
-                                   s.rings.offsets.data(), gradient);
+DeviceStatus smoothnessGradient(const DeviceHandle& device, const PlaneScene& s, const float* vertices,
+                                float* gradient) {
+    return ComputeSmoothnessGradient_CUDA(
+        device, SmoothnessGradientArgs{s.mesh.numV(), vertices, int(s.rings.list.size()), s.rings.list.data(),
+                                       s.rings.counts.data(), s.rings.offsets.data(), gradient});
 }
 
 // Each step of the descent moves a vertex by minus its smoothness gradient
@@ -121,16 +148,19 @@ TEST_P(SingleStep, DescentStepsByMinusTheSmoothnessGradientWhereTheMaskAllows) {
     const PlaneScene s(0, 0.0, 0.05f);
     const std::vector<float>& v0 = s.mesh.vertices;
     std::vector<float> g0(v0.size()), g1(v0.size()), v1(v0.size()), masked = v0;
-    smoothnessGradient(s, v0.data(), g0.data());
+    ASSERT_EQ(smoothnessGradient(device(), s, v0.data(), g0.data()), DeviceStatus::Ok);
     float largest = 0.0f;
     for (size_t i = 0; i < v0.size(); ++i) v1[i] = v0[i] - g0[i], largest = std::max(largest, std::fabs(g0[i]));
     EXPECT_GT(largest, 1e-3f);  // the bumps give the gradient something to do
-    smoothnessGradient(s, v1.data(), g1.data());
+    ASSERT_EQ(smoothnessGradient(device(), s, v1.data(), g1.data()), DeviceStatus::Ok);
     std::vector<uint8_t> mask(s.mesh.numV(), 1);
     for (size_t v = 0; v < mask.size(); v += 3) mask[v] = 0;
     std::vector<float> twice = v0;
-    const std::string out = printedBy([&] { descend(s, twice.data(), nullptr, 2); });
-    printedBy([&] { descend(s, masked.data(), mask.data(), 1); });
+    DeviceStatus status[2] = {DeviceStatus::Failed, DeviceStatus::Failed};
+    const std::string out = printedBy([&] { status[0] = descend(device(), s, twice.data(), nullptr, 2); });
+    printedBy([&] { status[1] = descend(device(), s, masked.data(), mask.data(), 1); });
+    EXPECT_EQ(status[0], DeviceStatus::Ok) << out;
+    EXPECT_EQ(status[1], DeviceStatus::Ok);
     for (size_t i = 0; i < v0.size(); ++i) {
         ASSERT_EQ(twice[i], v1[i] - g1[i]) << "two steps, coordinate " << i;
         ASSERT_EQ(masked[i], mask[i / 3] ? v1[i] : v0[i]) << "masked step, coordinate " << i;
@@ -144,26 +174,30 @@ TEST_P(SingleStep, DescentStepsByMinusTheSmoothnessGradientWhereTheMaskAllows) {
 }
 
 TEST_P(SingleStep, BadArgumentsAreRefusedWithoutTouchingTheOutputs) {
-    PairGradientInputs in;
+    PairGradientInputs in(device());
     PlaneScene& s = in.scene;
     const int nv = s.mesh.numV();
-    s.mesh.facets[4] = nv;  // a facet outside the mesh
+    s.mesh.facets[4] = nv;  // a facet outside the mesh: the gradient scatters to it
+    s.rings.list[5] = nv;   // a neighbour outside the mesh: the umbrella reads it
     std::vector<float> out(3 * kPixels, 5.0f), hits(nv, 5.0f), vertices = s.mesh.vertices;
-    const std::pair<const char*, std::function<void()>> cases[] = {
-        {"ComputeSmoothnessGradient_CUDA", [&] { smoothnessGradient(s, vertices.data(), out.data()); }},
-        {"Smoothness_GradientDescent_CUDA", [&] { descend(s, vertices.data(), nullptr, 1); }},
-        {"AddPhotometricGradient_ImagePair_CUDA", [&] { in.addOnDevice(out, hits); }},
+    const std::pair<const char*, std::function<DeviceStatus()>> cases[] = {
+        {"ComputeSmoothnessGradient_CUDA", [&] { return smoothnessGradient(device(), s, vertices.data(), out.data()); }},
+        {"Smoothness_GradientDescent_CUDA", [&] { return descend(device(), s, vertices.data(), nullptr, 1); }},
+        {"AddPhotometricGradient_ImagePair_CUDA", [&] { return in.addOnDevice(device(), out, hits); }},
         {"Perspective_Image_Model_Image_Warp_CUDA",  // no reference depth
          [&] {
-             Perspective_Image_Model_Image_Warp_CUDA(s.cameras[0], nullptr, in.ref.facet.data(), s.cameras[1],
-                                                     in.tar.depth.data(), nullptr, image(s, 1), W, H, out.data());
+             return Perspective_Image_Model_Image_Warp_CUDA(
+                 device(), PerspectiveWarpArgs{s.cameras[0], nullptr, in.ref.facet.data(), s.cameras[1],
+                                               in.tar.depth.data(), image(s, 1), W, H, out.data()});
          }}};
-    for (const auto& [wrapper, call] : cases) {
-        const std::string printed = printedBy(call);
-        EXPECT_TRUE(tessaline::test::isRefusal(printed, wrapper)) << printed;
-        ASSERT_EQ(out, std::vector<float>(out.size(), 5.0f)) << wrapper;
-        ASSERT_EQ(hits, std::vector<float>(hits.size(), 5.0f)) << wrapper;
-        ASSERT_EQ(vertices, s.mesh.vertices) << wrapper;
+    for (const auto& [entry, call] : cases) {
+        DeviceStatus status = DeviceStatus::Ok;
+        const std::string printed = printedBy([&] { status = call(); });
+        EXPECT_EQ(status, DeviceStatus::Refused) << entry;
+        EXPECT_TRUE(tessaline::test::isRefusal(printed, entry)) << printed;
+        ASSERT_EQ(out, std::vector<float>(out.size(), 5.0f)) << entry;
+        ASSERT_EQ(hits, std::vector<float>(hits.size(), 5.0f)) << entry;
+        ASSERT_EQ(vertices, s.mesh.vertices) << entry;
     }
 }
 

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "DeviceCommon.h"
+#include "TextureSampler.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-// The image-pair warp through its public wrapper on every backend: against
+// The image-pair warp through its entry point on every backend: against
 // an independent per-pixel computation in double on a two-camera plane scene,
 // and on hand-made cameras that put a point exactly on the border and
 // tolerance limits. The integrated kernel, which reads the target from a
@@ -9,10 +9,11 @@
 #include <random>
 #include <vector>
 
-#include "CpuBackend.h"
 #include "DeviceTestSupport.h"
 #include "PlaneSceneSupport.h"
-#include "kernels/WarpKernels.h"
+#include "backend/CpuBackend.h"
+#include "backend/DeviceMemory.h"
+#include "optimization/WarpKernels.h"
 
 namespace {
 
@@ -25,17 +26,25 @@ struct WarpInputs {
     std::vector<int> facetRef;
     std::vector<uint8_t> stack;  // layer 1 is the target image
 
-    std::vector<float> run() const {
+    // The warp by the entry point on `device`, which must equal the
+    // integrated kernel's. That one runs on the CPU backend whatever the
+    // device: a kernel reaches the CUDA backend only from CUDA code, which
+    // this test is not. Against the CPU the comparison is the stronger one:
+    // the entry point must give the CPU's bytes on either backend, which
+    // holds exactly because the CPU sampler returns what the texture unit
+    // returns (TextureSampler tests).
+    std::vector<float> run(const DeviceHandle& device) const {
         std::vector<float> warped(size_t(W) * H, 12345.0f), integrated = warped;
-        Perspective_Image_Model_Image_Warp_CUDA(ref, depthRef.data(), facetRef.data(), tar, depthTar.data(), nullptr,
-                                                stack.data() + size_t(W) * H, W, H, warped.data());
+        EXPECT_EQ(Perspective_Image_Model_Image_Warp_CUDA(
+                      device, PerspectiveWarpArgs{ref, depthRef.data(), facetRef.data(), tar, depthTar.data(),
+                                                  stack.data() + size_t(W) * H, W, H, warped.data()}),
+                  DeviceStatus::Ok);
         CpuBackend be;
-        LayeredTexture tex = be.makeLayeredTexture(stack.data(), W, H, 2);
+        const auto images = makeImageStack(be, stack.data(), W, H, 2);
         be.launch(ImageGrid{W, H}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
-                        ref, depthRef.data(), facetRef.data(), 0, tar, depthTar.data(), nullptr, 1, W, H,
-                        integrated.data(), tex});
-        be.releaseLayeredTexture(tex);
-        EXPECT_EQ(warped, integrated) << "the wrapper and the integrated kernel differ";
+                                       {ref, depthRef.data(), facetRef.data(), tar, depthTar.data(), W, H,
+                                        integrated.data(), StackLayerFetch{images.view(), 1}}});
+        EXPECT_EQ(warped, integrated) << "the entry point and the integrated kernel differ";
         return warped;
     }
 
@@ -75,7 +84,7 @@ struct WarpInputs {
 // target's depth map.
 WarpInputs planeScene(int W, int H, bool occluder) {
     WarpInputs in{W, H, tessaline::test::planeCamera(-0.2, 0.05, -2.0, 0.9 * W, W, H),
-                  tessaline::test::planeCamera(0.25, -0.05, -2.1, 0.9 * W, W, H)};
+                  tessaline::test::planeCamera(0.25, -0.05, -2.1, 0.9 * W, W, H), {}, {}, {}, {}};
     in.facetRef.assign(size_t(W) * H, 3);
     for (int y = 0; y < H; ++y)
         for (int x = 0; x < W; ++x) {
@@ -92,10 +101,10 @@ WarpInputs planeScene(int W, int H, bool occluder) {
 class Warp : public tessaline::test::OnEachBackend {};
 
 TEST_P(Warp, MatchesIndependentPerPixelComputation) {
-    for (const auto [W, H] : {std::pair{64, 48}, {47, 33}, {65, 49}}) {
+    for (const auto& [W, H] : {std::pair{64, 48}, {47, 33}, {65, 49}}) {
         SCOPED_TRACE(testing::Message() << W << " x " << H);
         const WarpInputs in = planeScene(W, H, true);
-        const std::vector<float> warped = in.run(), open = planeScene(W, H, false).run();
+        const std::vector<float> warped = in.run(device()), open = planeScene(W, H, false).run(device());
         int compared = 0, valid = 0, occluded = 0;
         for (int y = 0; y < H; ++y)
             for (int x = 0; x < W; ++x) {
@@ -103,7 +112,9 @@ TEST_P(Warp, MatchesIndependentPerPixelComputation) {
                 bool ambiguous;
                 const float want = in.expected(x, y, ambiguous);
                 occluded += warped[e] == -1.0f && open[e] != -1.0f;
-                if (in.facetRef[e] < 0) EXPECT_EQ(warped[e], -1.0f);
+                if (in.facetRef[e] < 0) {
+                    EXPECT_EQ(warped[e], -1.0f);
+                }
                 if (ambiguous) continue;
                 ++compared;
                 valid += want != -1.0f;
@@ -124,12 +135,13 @@ TEST_P(Warp, MatchesIndependentPerPixelComputation) {
 // focal length, principal point on the pixel): depth 4 gives X = (0, 0, 4)
 // exactly, and the target's P sends it to (U, V) exactly, with the target
 // centre at the origin (dt = 4). The target image is 200 everywhere.
-float exactWarp(float U, float V, float depthTar = 4.0f, float w = 1.0f, int agreeingCell = -1) {
+float exactWarp(const DeviceHandle& device, float U, float V, float depthTar = 4.0f, float w = 1.0f,
+                int agreeingCell = -1) {
     const int W = 40, H = 36;
     mycamera_cuda cam{};
     cam.R[0] = cam.R[4] = cam.R[8] = cam.K[0] = cam.K[4] = cam.K[8] = 1.0f;
     cam.K[2] = 7.0f, cam.K[5] = 9.0f;
-    WarpInputs in{W, H, cam, cam};
+    WarpInputs in{W, H, cam, cam, {}, {}, {}, {}};
     for (float& p : in.tar.P) p = 0.0f;
     in.tar.P[2] = U * w, in.tar.P[6] = V * w, in.tar.P[10] = w;
     in.depthRef.assign(size_t(W) * H, 4.0f);
@@ -137,22 +149,24 @@ float exactWarp(float U, float V, float depthTar = 4.0f, float w = 1.0f, int agr
     if (agreeingCell >= 0) in.depthTar[size_t(int(V) + agreeingCell / 2) * W + int(U) + agreeingCell % 2] = 4.0f;
     in.facetRef.assign(size_t(W) * H, 0);
     in.stack.assign(2 * size_t(W) * H, 200);
-    return in.run()[9 * W + 7];
+    return in.run(device)[9 * W + 7];
 }
 
 TEST_P(Warp, BorderIsStrictAndTenPixelsWideAndDepthsAgreeWithinOnePercent) {
     for (auto [U, V] : {std::pair{10.0f, 15.0f}, {30.0f, 15.0f}, {15.0f, 10.0f}, {15.0f, 26.0f}})
-        EXPECT_EQ(exactWarp(U, V), -1.0f) << U << "," << V;
+        EXPECT_EQ(exactWarp(device(), U, V), -1.0f) << U << "," << V;
     for (auto [U, V] : {std::pair{std::nextafter(10.0f, 11.0f), 15.0f},
                         {std::nextafter(30.0f, 0.0f), 15.0f},
                         {15.0f, std::nextafter(10.0f, 11.0f)},
                         {15.0f, std::nextafter(26.0f, 0.0f)}})
-        EXPECT_NEAR(exactWarp(U, V), 200.0f, 1e-3f) << U << "," << V;
-    EXPECT_EQ(exactWarp(15.0f, 15.0f, 4.0f, -1.0f), -1.0f);  // behind the target
-    EXPECT_NEAR(exactWarp(15.5f, 15.5f, 4.0f * 1.0099f), 200.0f, 1e-3f);
-    for (float depth : {4.0f * 1.0101f, 4.0f * 0.9899f, kDepthClear}) EXPECT_EQ(exactWarp(15.5f, 15.5f, depth), -1.0f);
-    for (int cell = 0; cell < 4; ++cell) EXPECT_NEAR(exactWarp(15.5f, 15.5f, 2.0f, 1.0f, cell), 200.0f, 1e-3f);
-    EXPECT_EQ(exactWarp(15.5f, 15.5f, 2.0f, 1.0f, 4), -1.0f);  // the cell beyond the four
+        EXPECT_NEAR(exactWarp(device(), U, V), 200.0f, 1e-3f) << U << "," << V;
+    EXPECT_EQ(exactWarp(device(), 15.0f, 15.0f, 4.0f, -1.0f), -1.0f);  // behind the target
+    EXPECT_NEAR(exactWarp(device(), 15.5f, 15.5f, 4.0f * 1.0099f), 200.0f, 1e-3f);
+    for (float depth : {4.0f * 1.0101f, 4.0f * 0.9899f, kDepthClear})
+        EXPECT_EQ(exactWarp(device(), 15.5f, 15.5f, depth), -1.0f);
+    for (int cell = 0; cell < 4; ++cell)
+        EXPECT_NEAR(exactWarp(device(), 15.5f, 15.5f, 2.0f, 1.0f, cell), 200.0f, 1e-3f);
+    EXPECT_EQ(exactWarp(device(), 15.5f, 15.5f, 2.0f, 1.0f, 4), -1.0f);  // the cell beyond the four
 }
 
 TESSALINE_INSTANTIATE_ON_BACKENDS(Warp);

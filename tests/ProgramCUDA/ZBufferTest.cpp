@@ -73,7 +73,7 @@ TEST_P(ZBuffer, MatchesBruteForceRenderOfRandomFacets) {
             f.push_back(int(v.size() / 3) - 1);
         }
     }
-    const tessaline::test::ZRender r = zbuffer(v, f, cam, W, H);
+    const tessaline::test::ZRender r = zbuffer(device(), v, f, cam, W, H);
 
     std::vector<BruteFacet> bf;
     int kept = 0, back = 0;
@@ -140,8 +140,8 @@ TEST_P(ZBuffer, AreasAndFacetsThatCannotShowRenderNothing) {
                  {"facet with a vertex behind the camera", {3, 5, 4}, 100.0, 100},
                  {"no facet", {}, 100.0, 100}};
     for (const auto& c : cases) {
-        const tessaline::test::ZRender r = zbuffer(v, c.facets, frontCamera(c.f, 0.5 * c.side, 0.5 * c.side), c.side,
-                                                   c.side);
+        const tessaline::test::ZRender r =
+            zbuffer(device(), v, c.facets, frontCamera(c.f, 0.5 * c.side, 0.5 * c.side), c.side, c.side);
         EXPECT_EQ(r.depth, std::vector<float>(r.depth.size(), kClear)) << c.name;
         EXPECT_EQ(r.facet, std::vector<int>(r.facet.size(), -1)) << c.name;
     }
@@ -162,8 +162,7 @@ TEST_P(ZBuffer, TiesGoToTheLastFacetAndUncoveredPixelsKeepTheirValues) {
         const size_t n = size_t(W) * H;
         tessaline::test::ZRender r{std::vector<float>(n, kClear), std::vector<float>(n, 7.0f),
                                    std::vector<float>(n, 8.0f), std::vector<int>(n, -1)};
-        TriMesh_Image_ZBuffering_CUDA(3, v.data(), int(facets.size() / 3), facets.data(), cam, 0, 0, W, H,
-                                      r.depth.data(), r.facet.data(), r.b.data(), r.c.data());
+        ASSERT_EQ(tessaline::test::zbufferInto(device(), v, facets, cam, W, H, r), DeviceStatus::Ok);
         int covered = 0;
         for (size_t e = 0; e < n; ++e) {
             if (r.depth[e] == kClear) {
@@ -200,8 +199,8 @@ TEST(ZBufferThreads, RenderIsTheSameOnOneThreadAndOnAll) {
         }
     }
     tessaline::test::ZRender one, all;
-    tbb::task_arena(1).execute([&] { one = zbuffer(v, f, cam, W, H); });
-    all = zbuffer(v, f, cam, W, H);
+    tbb::task_arena(1).execute([&] { one = zbuffer(cpuDevice(), v, f, cam, W, H); });
+    all = zbuffer(cpuDevice(), v, f, cam, W, H);
     EXPECT_EQ(one.depth, all.depth);
     EXPECT_EQ(one.facet, all.facet);
     EXPECT_EQ(one.b, all.b);

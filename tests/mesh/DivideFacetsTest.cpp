@@ -198,7 +198,9 @@ TEST(DivideFacets, RandomSelectionsKeepAClosedMeshClosedAndConforming) {
             int32_t children = 0;
             for (int32_t k = 0; k < 3 * f0; ++k) children += int32_t(split.count(m.facet_edges[k]));
             EXPECT_EQ(m.num_f - f0, children);
-            if (trial == 0) EXPECT_EQ(m.num_f, 4 * f0);
+            if (trial == 0) {
+                EXPECT_EQ(m.num_f, 4 * f0);
+            }
         }
     }
 }
@@ -272,8 +274,9 @@ TEST(DivideFacets, ViewsOfACameraSampledExactlyTwiceAreAveragedInCameraOrder) {
         for (const ViewSample& s : m.vertex_records[3].views) got.emplace_back(s.index, s.camera, s.value, s.u, s.v);
         for (const auto& [camera, value] : c.expected) want.emplace_back(camera, camera, value, -1.0, -1.0);
         EXPECT_EQ(got, want);
-        if (&c == &cases[0])  // (1, 2) and (2, 0): vertex 2 has no views, so no camera reaches 2
+        if (&c == &cases[0]) {  // (1, 2) and (2, 0): vertex 2 has no views, so no camera reaches 2
             EXPECT_TRUE(m.vertex_records[4].views.empty() && m.vertex_records[5].views.empty());
+        }
     }
 }
 

@@ -1,5 +1,6 @@
 // Helpers of the mesh tests: meshes built by hand with their per-vertex
-// tables in step, a few closed shapes, and host cameras looking along +z.
+// tables in step, a few closed shapes, host cameras looking along +z, the
+// devices present, and the capture of standard output.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,10 +8,11 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
+#include <string>
 #include <utility>
 #include <vector>
 
-#include "DeviceTestSupport.h"
+#include "ProgramCUDA.h"
 #include "TriMesh.h"
 #include "mycamera.h"
 
@@ -18,7 +20,30 @@ namespace meshtest {
 
 using V = std::vector<int32_t>;
 
-using tessaline::test::printedBy;
+// What `call` prints on standard output.
+template <class Call>
+std::string printedBy(const Call& call) {
+    ::testing::internal::CaptureStdout();
+    call();
+    return ::testing::internal::GetCapturedStdout();
+}
+
+// Every device present: the CPU backend always, CUDA device 0 when one
+// answers. A fixture of OnEachDevice runs its tests once per device.
+inline std::vector<DeviceHandle> availableDevices() {
+    std::vector<DeviceHandle> devices{cpuDevice()};
+    if (cudaDeviceAvailable()) devices.push_back(cudaDevice());
+    return devices;
+}
+
+inline std::string deviceParamName(const ::testing::TestParamInfo<DeviceHandle>& info) {
+    return deviceBackendName(info.param.backend);
+}
+
+class OnEachDevice : public ::testing::TestWithParam<DeviceHandle> {
+protected:
+    const DeviceHandle& device() const { return GetParam(); }
+};
 
 // A mesh with the primary tables of a freshly loaded PLY: attributes zero,
 // records at their defaults.

@@ -2,13 +2,13 @@
 // two passes of subdivideMeshAdaptively with its exact output lines.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <limits>
 #include <string>
 #include <vector>
 
 #include <opencv2/core.hpp>
 
-#include "DeviceTestSupport.h"
 #include "MeshTestSupport.h"
 #include "ProgramCUDA.h"
 #include "TriMesh.h"
@@ -112,7 +112,7 @@ TEST(RenderFacetMaps, MakesClearedImagesOfTheAreaSizeAndRendersTheSquare) {
     TriMesh m = viewedSquare();
     const int LU = kImage + 10;  // not square: rows and columns are not swapped
     cv::Mat depth(3, 3, CV_8U), facet(kImage, kImage, CV_32S, cv::Scalar(5)), b, c;
-    renderFacetMaps(m, cameraShowing(40), LU, kImage, depth, facet, b, c);
+    ASSERT_TRUE(renderFacetMaps(m, cpuDevice(), cameraShowing(40), LU, kImage, depth, facet, b, c));
     const int types[4] = {CV_32F, CV_32S, CV_32F, CV_32F};
     int k = 0;
     for (const cv::Mat* img : {&depth, &facet, &b, &c}) {
@@ -142,8 +142,23 @@ TEST(RenderFacetMaps, MakesClearedImagesOfTheAreaSizeAndRendersTheSquare) {
             }
         }
     // The same camera from the other side sees only back faces.
-    renderFacetMaps(m, kAway, kImage, kImage, depth, facet, b, c);
+    ASSERT_TRUE(renderFacetMaps(m, cpuDevice(), kAway, kImage, kImage, depth, facet, b, c));
     EXPECT_EQ(cv::countNonZero(facet != -1), 0);
+}
+
+TEST(RenderFacetMaps, ANegativeExtentMakesEmptyMapsWithoutCallingTheDevice) {
+    // A mesh the device would refuse: the call succeeds only because nothing
+    // is rendered.
+    TriMesh m = viewedSquare();
+    m.num_v = -1;
+    cv::Mat depth, facet, b, c;
+    bool ok = false;
+    const std::string printed = meshtest::printedBy(
+        [&] { ok = renderFacetMaps(m, cpuDevice(), cameraShowing(40), -5, kImage, depth, facet, b, c); });
+    EXPECT_EQ(printed, "");
+    EXPECT_TRUE(ok);
+    EXPECT_TRUE(facet.empty());
+    EXPECT_EQ(facet.type(), CV_32S);
 }
 
 // ---------------------------------------------------------------------------
@@ -152,7 +167,7 @@ TEST(RenderFacetMaps, MakesClearedImagesOfTheAreaSizeAndRendersTheSquare) {
 // contested edge pixel may differ, but the scenes keep well clear of the
 // threshold.
 
-class SubdivideAdaptively : public tessaline::test::OnEachBackend {};
+class SubdivideAdaptively : public meshtest::OnEachDevice {};
 
 TEST_P(SubdivideAdaptively, PassesAndFailureLines) {
     const std::string level0 = "subdividing at level 0 : 2 facets\n", stop = "stop dividing\n";
@@ -203,16 +218,43 @@ TEST_P(SubdivideAdaptively, PassesAndFailureLines) {
         TriMesh m = c.numF == 0 ? TriMesh() : viewedSquare();
         if (c.noDivideVertex >= 0) m.vertex_records[size_t(c.noDivideVertex)].no_divide = 1;
         m.valences = {{42}};
-        EXPECT_EQ(meshtest::printedBy([&] { subdivideMeshAdaptively(m, c.cams, c.imgs, c.LU, kImage); }), c.printed);
+        bool ok = false;
+        EXPECT_EQ(meshtest::printedBy([&] { ok = subdivideMeshAdaptively(m, device(), c.cams, c.imgs, c.LU, kImage); }),
+                  c.printed);
+        EXPECT_TRUE(ok) << "inconsistent lists are reported, not failed";
         EXPECT_EQ(m.num_f, c.numF);
         if (c.numF == 2) {
             EXPECT_EQ(m.facets, (V{0, 3, 2, 0, 2, 1}));
             EXPECT_EQ(m.num_v, 4);
         }
-        if (c.imgs.empty()) EXPECT_EQ(m.valences, (std::vector<V>{{42}}));  // left untouched
+        if (c.imgs.empty()) {
+            EXPECT_EQ(m.valences, (std::vector<V>{{42}}));  // left untouched
+        }
     }
 }
 
-TESSALINE_INSTANTIATE_ON_BACKENDS(SubdivideAdaptively);
+// A render the device refuses (here a mesh of negative vertex count) ends
+// the call: the device's line is all that is printed, no selection is made
+// from the cleared maps (it would print "stop dividing"), and the mesh is
+// left as it was.
+TEST_P(SubdivideAdaptively, ARefusedRenderEndsTheCallWithFalse) {
+    const std::vector<mycamera> cams{cameraShowing(40), cameraShowing(40)};
+    TriMesh m = viewedSquare();
+    m.num_v = -1;
+    bool ok = true;
+    const std::string printed =
+        meshtest::printedBy([&] { ok = subdivideMeshAdaptively(m, device(), cams, laplaceImages(2), kImage, kImage); });
+    EXPECT_FALSE(ok);
+    // One line: the first refused render ends the call.
+    EXPECT_EQ(printed.rfind("Error: ", 0), 0u) << printed;
+    EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 1) << printed;
+    EXPECT_EQ(printed.find("stop dividing"), std::string::npos) << printed;
+    EXPECT_EQ(printed.find("subdividing"), std::string::npos) << printed;
+    EXPECT_EQ(m.num_f, 2);
+    EXPECT_EQ(m.facets, (V{0, 3, 2, 0, 2, 1}));
+}
+
+INSTANTIATE_TEST_SUITE_P(Devices, SubdivideAdaptively, ::testing::ValuesIn(meshtest::availableDevices()),
+                         meshtest::deviceParamName);
 
 }  // namespace

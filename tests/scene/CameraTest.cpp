@@ -45,7 +45,9 @@ TEST(Camera, ScalingScalesAllFourAndRebuildsKKInvAndPButKeepsThePose) {
                 if (c < 3) kkinv += camera.K[r * 3 + k] * camera.K_inv[k * 3 + c];
                 krt += camera.K[r * 3 + k] * (c < 3 ? camera.R[k * 3 + c] : camera.t[k]);
             }
-            if (c < 3) EXPECT_NEAR(kkinv, r == c ? 1.0 : 0.0, 1e-12) << "K K_inv " << r << "," << c;
+            if (c < 3) {
+                EXPECT_NEAR(kkinv, r == c ? 1.0 : 0.0, 1e-12) << "K K_inv " << r << "," << c;
+            }
             EXPECT_NEAR(camera.P[r * 4 + c], krt, 1e-12 * (std::fabs(krt) + 1)) << "P " << r << "," << c;
         }
 }

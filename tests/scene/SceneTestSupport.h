@@ -14,8 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "DeviceTestSupport.h"
-
 namespace scene_test {
 
 namespace fs = std::filesystem;
@@ -64,6 +62,12 @@ inline std::string readFile(const std::string& path) {
     return text.str();
 }
 
-using tessaline::test::printedBy;
+// What `call` prints on standard output.
+template <class Call>
+std::string printedBy(const Call& call) {
+    ::testing::internal::CaptureStdout();
+    call();
+    return ::testing::internal::GetCapturedStdout();
+}
 
 }  // namespace scene_test

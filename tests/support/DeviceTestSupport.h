@@ -7,28 +7,41 @@
 
 #include <cmath>
 #include <limits>
+#include <ostream>
 #include <string>
 #include <vector>
 
 #include "ProgramCUDA.h"
 
+// Readable test names and failure messages for the module's plain types.
+inline void PrintTo(const DeviceHandle& device, std::ostream* os) {
+    *os << deviceBackendName(device.backend);
+    if (device.backend == DeviceBackend::Cuda) *os << " " << device.cudaDevice;
+}
+
+inline void PrintTo(DeviceStatus status, std::ostream* os) {
+    *os << (status == DeviceStatus::Ok ? "Ok" : status == DeviceStatus::Refused ? "Refused" : "Failed");
+}
+
 namespace tessaline::test {
 
-inline std::vector<DeviceBackend> availableBackends() {
-    std::vector<DeviceBackend> v{DeviceBackend::Cpu};
-    if (cudaDeviceAvailable()) v.push_back(DeviceBackend::Cuda);
+// The devices a test runs on: the CPU backend always, CUDA device 0 when one
+// answers.
+inline std::vector<DeviceHandle> availableDevices() {
+    std::vector<DeviceHandle> v{cpuDevice()};
+    if (cudaDeviceAvailable()) v.push_back(cudaDevice());
     return v;
 }
 
-inline std::string backendParamName(const ::testing::TestParamInfo<DeviceBackend>& info) {
-    return deviceBackendName(info.param);
+inline std::string deviceParamName(const ::testing::TestParamInfo<DeviceHandle>& info) {
+    return deviceBackendName(info.param.backend);
 }
 
-// Fixture base: the test body runs with the parameter's backend active.
-class OnEachBackend : public ::testing::TestWithParam<DeviceBackend> {
+// Fixture base: the test body runs on the parameter's device, `device()`.
+class OnEachBackend : public ::testing::TestWithParam<DeviceHandle> {
    protected:
-    void SetUp() override { ASSERT_TRUE(setActiveDeviceBackend(GetParam())); }
-    void TearDown() override { setActiveDeviceBackend(DeviceBackend::Cpu); }
+    const DeviceHandle& device() const { return GetParam(); }
+    bool onCuda() const { return device().backend == DeviceBackend::Cuda; }
 };
 
 // What `call` prints on standard output.
@@ -39,9 +52,10 @@ std::string printedBy(const Call& call) {
     return ::testing::internal::GetCapturedStdout();
 }
 
-// A wrapper's refusal of its arguments: one line, "Error: <wrapper>...".
-inline bool isRefusal(const std::string& printed, const std::string& wrapper) {
-    return printed.rfind("Error: " + wrapper, 0) == 0 && printed.find('\n') + 1 == printed.size();
+// An entry point's refusal of its arguments, as printed: one line,
+// "Error: <entry>...". The call must also have returned DeviceStatus::Refused.
+inline bool isRefusal(const std::string& printed, const std::string& entry) {
+    return printed.rfind("Error: " + entry, 0) == 0 && printed.find('\n') + 1 == printed.size();
 }
 
 // The z-buffer of a mesh in a W x H camera, rendered from cleared buffers.
@@ -50,13 +64,30 @@ struct ZRender {
     std::vector<int> facet;
 };
 
-inline ZRender zbuffer(const std::vector<float>& v, const std::vector<int>& f, const mycamera_cuda& cam, int W,
-                       int H) {
+// Renders the whole W x H image of `cam` into `r` as it stands.
+inline DeviceStatus zbufferInto(const DeviceHandle& device, const std::vector<float>& v, const std::vector<int>& f,
+                                const mycamera_cuda& cam, int W, int H, ZRender& r) {
+    ZBufferArgs args;
+    args.num_v = int(v.size() / 3);
+    args.vertices = v.data();
+    args.num_f = int(f.size() / 3);
+    args.facets = f.data();
+    args.camera = cam;
+    args.LU = W;
+    args.LV = H;
+    args.depth_image = r.depth.data();
+    args.facet_image = r.facet.data();
+    args.bary_b_image = r.b.data();
+    args.bary_c_image = r.c.data();
+    return TriMesh_Image_ZBuffering_CUDA(device, args);
+}
+
+inline ZRender zbuffer(const DeviceHandle& device, const std::vector<float>& v, const std::vector<int>& f,
+                       const mycamera_cuda& cam, int W, int H) {
     const size_t n = size_t(W) * H;
     ZRender r{std::vector<float>(n, std::numeric_limits<float>::max()), std::vector<float>(n, -1.0f),
               std::vector<float>(n, -1.0f), std::vector<int>(n, -1)};
-    TriMesh_Image_ZBuffering_CUDA(int(v.size() / 3), v.data(), int(f.size() / 3), f.data(), cam, 0, 0, W, H,
-                                  r.depth.data(), r.facet.data(), r.b.data(), r.c.data());
+    EXPECT_EQ(zbufferInto(device, v, f, cam, W, H, r), DeviceStatus::Ok);
     return r;
 }
 
@@ -103,6 +134,6 @@ inline mycamera_cuda lookAtCamera(const double centre[3], const double target[3]
 
 }  // namespace tessaline::test
 
-#define TESSALINE_INSTANTIATE_ON_BACKENDS(Suite)                                                  \
-    INSTANTIATE_TEST_SUITE_P(Backends, Suite, ::testing::ValuesIn(tessaline::test::availableBackends()), \
-                             tessaline::test::backendParamName)
+#define TESSALINE_INSTANTIATE_ON_BACKENDS(Suite)                                                 \
+    INSTANTIATE_TEST_SUITE_P(Backends, Suite, ::testing::ValuesIn(tessaline::test::availableDevices()), \
+                             tessaline::test::deviceParamName)

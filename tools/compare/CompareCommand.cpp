@@ -7,7 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "ParseCommandLine.h"
+#include "CommandLine.h"
 #include "MeshCompare.h"
 #include "plyIO.h"
 
@@ -25,24 +25,15 @@ int runCompareCommand(int argc, char** argv) {
         ->capture_default_str()
         ->check(CLI::Range(size_t(1), size_t(100000000)));
     app.add_flag("--json", json, "Print the result as one line of JSON (the last line of the output)");
-    if (const int status = tessaline::parseCommandLine(app, argc, argv); status >= 0) return status;
+    if (const auto status = cli::parse(app, argc, argv)) return *status;
 
     try {
         TriMesh reference, test;
-        if (!loadPly(reference, referencePath)) {
-            std::cout << "Error: cannot read the reference mesh " << referencePath << std::endl;
-            return 1;
-        }
-        if (!loadPly(test, testPath)) {
-            std::cout << "Error: cannot read the test mesh " << testPath << std::endl;
-            return 1;
-        }
+        if (!loadPly(reference, referencePath)) return cli::fail("cannot read the reference mesh " + referencePath);
+        if (!loadPly(test, testPath)) return cli::fail("cannot read the test mesh " + testPath);
         MeshComparison result;
         std::string error;
-        if (!compareMeshes(reference, test, samples, result, error)) {
-            std::cout << "Error: " << error << std::endl;
-            return 1;
-        }
+        if (!compareMeshes(reference, test, samples, result, error)) return cli::fail(error);
         if (json) {
             std::cout << comparisonJson(result, referencePath, testPath) << std::endl;
         } else {
@@ -53,11 +44,10 @@ int runCompareCommand(int argc, char** argv) {
             std::cout << "accuracy: test to reference; completeness: reference to test\n";
             std::cout << comparisonTable(result) << std::flush;
         }
-        return 0;
+        return cli::kSuccess;
     } catch (const std::exception& e) {
         // Allocation failures and library errors end here, not in an abort.
-        std::cout << "Error: " << e.what() << std::endl;
-        return 1;
+        return cli::fail(e.what());
     }
 }
 

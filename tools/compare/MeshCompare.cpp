@@ -6,6 +6,9 @@
 #include <random>
 #include <sstream>
 
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
+
 // Point-to-triangle distances come from CGAL's AABB tree: exact distances to
 // the nearest facet, with a well-tested hierarchy, instead of our own.
 #include <CGAL/AABB_traits.h>
@@ -101,13 +104,15 @@ std::vector<double> distancesToSurface(const TriMesh& mesh, const std::vector<do
     // Build both hierarchies before the parallel queries.
     tree.build();
     tree.accelerate_distance_queries();
-    const int64_t n = int64_t(points.size() / 3);
-    std::vector<double> distances(static_cast<size_t>(n));
-#pragma omp parallel for schedule(dynamic, 256)
-    for (int64_t k = 0; k < n; ++k) {
-        const Point p(points[3 * k], points[3 * k + 1], points[3 * k + 2]);
-        distances[size_t(k)] = std::sqrt(tree.squared_distance(p));
-    }
+    const size_t n = points.size() / 3;
+    std::vector<double> distances(n);
+    // One output per point: the result does not depend on the threads.
+    tbb::parallel_for(tbb::blocked_range<size_t>(0, n, 256), [&](const tbb::blocked_range<size_t>& r) {
+        for (size_t k = r.begin(); k != r.end(); ++k) {
+            const Point p(points[3 * k], points[3 * k + 1], points[3 * k + 2]);
+            distances[k] = std::sqrt(tree.squared_distance(p));
+        }
+    });
     return distances;
 }
 

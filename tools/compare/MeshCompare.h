@@ -66,7 +66,8 @@ std::string comparisonJson(const MeshComparison& result, const std::string& refe
                            const std::string& testPath);
 
 // The command line: tessaline_compare REFERENCE.ply TEST.ply [--samples N]
-// [--json]. Returns the process exit status (0 on success).
+// [--json]. Returns the process exit status (CommandLine.h: 0 success, 1
+// failure, 2 refused command line).
 int runCompareCommand(int argc, char** argv);
 
 }  // namespace tessaline::compare

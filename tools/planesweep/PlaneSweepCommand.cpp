@@ -16,10 +16,13 @@
 #include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
+#include "CommandLine.h"
 #include "ProgramCUDA.h"
 #include "SfmScene.h"
 
 namespace planesweep_tool {
+
+namespace cli = tessaline::cli;
 
 namespace {
 
@@ -287,120 +290,35 @@ bool writePngAtomically(const std::string& path, const cv::Mat& image) {
     return true;
 }
 
-int runPlaneSweepCommand(int argc, char** argv) {
-    CLI::App app{"Plane sweep for one reference camera of a scene file: writes the depth map as a 16-bit PNG and "
-                 "a false-colour PNG, and the score map."};
-    std::string scenePath, outPrefix, method = "invdepth";
-    int reference = 0, planes = 64, levels = 2, neighbours = 4, subsample = 1, device = 0;
-    float start = 0.0f, step = 0.0f, minScore = 0.5f;
-    double scale = 1.0;
-    std::vector<double> planeArg;
-    app.add_option("scene", scenePath, "SFM scene file (photographs are read relative to the working folder)")
-        ->required();
-    app.add_option("reference", reference, "index of the reference camera")->required()->check(CLI::NonNegativeNumber);
-    app.add_option("out_prefix", outPrefix, "output path prefix: PREFIX_depth.png, PREFIX_depth_color.png, "
-                                            "PREFIX_score.png")
-        ->required();
-    app.add_option("--method", method, "invdepth (inverse distance along each ray), height (levels over a plane) "
-                                       "or homography (planes facing the reference, multi-window NCC)")
-        ->check(CLI::IsMember({"invdepth", "height", "homography"}))
-        ->capture_default_str();
-    CLI::Option* startOpt = app.add_option("--start", start, "value of the first plane (default: from the bounding "
-                                                             "box)");
-    CLI::Option* stepOpt = app.add_option("--step", step, "value step between planes (default: from the bounding "
-                                                          "box)");
-    app.add_option("--planes", planes, "number of planes")->check(CLI::Range(3, 100000))->capture_default_str();
-    app.add_option("--levels", levels, "window sizes of the homography sweep (half-sizes 2, 4, ...)")
-        ->check(CLI::Range(0, 32))
-        ->capture_default_str();
-    app.add_option("--neighbours", neighbours, "neighbours taken from the scene file's list")
-        ->check(CLI::Range(1, 64))
-        ->capture_default_str();
-    app.add_option("--subsample", subsample, "image pixels per result cell in each direction")
-        ->check(CLI::Range(1, 64))
-        ->capture_default_str();
-    app.add_option("--scale", scale, "scale of the images before the sweep")
-        ->check(CLI::Range(0.05, 1.0))
-        ->capture_default_str();
-    app.add_option("--plane", planeArg, "a b c d of the height sweep's plane a x + b y + c z + d = 0 (default: the "
-                                        "reference camera's axis as normal, level 0 through the box's centre)")
-        ->expected(4);
-    app.add_option("--min-score", minScore, "cells scoring below this are left out of the depth images")
-        ->check(CLI::Range(-1.0f, 1.0f))
-        ->capture_default_str();
-    app.add_option("--device", device, "CUDA device index")->capture_default_str();
-    startOpt->needs(stepOpt);
-    stepOpt->needs(startOpt);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& e) {
-        return app.exit(e);
-    } catch (const CLI::ParseError& e) {
-        std::cout << "Error: " << e.what() << std::endl;
-        std::cout << "Run with --help for the usage." << std::endl;
-        return 1;
-    }
-    const Method m = method == "height" ? Method::Height : method == "homography" ? Method::Homography
-                                                                                  : Method::InvDepth;
-    if (!planeArg.empty() && m != Method::Height) {
-        std::cout << "Error: --plane belongs to the height sweep (--method height)" << std::endl;
-        return 1;
-    }
-    if (startOpt->count() && !(step != 0.0f && std::isfinite(start) && std::isfinite(step))) {
-        std::cout << "Error: --start and --step must be finite and the step must not be 0" << std::endl;
-        return 1;
-    }
-    {
-        const size_t slash = outPrefix.find_last_of('/');
-        const std::string folder = slash == std::string::npos ? "." : outPrefix.substr(0, slash + 1);
-        if (outPrefix.empty() || outPrefix.back() == '/' || access(folder.c_str(), W_OK) != 0) {
-            std::cout << "Error: the output prefix " << outPrefix << " does not name a file in a writable folder"
-                      << std::endl;
-            return 1;
-        }
-    }
-
-    const DeviceSetup setup = setupDevice(device);
-    std::cout << setup.description << std::endl;
-
+int runPlaneSweep(const PlaneSweepRequest& request, const DeviceHandle& device) {
+    const Method m = request.method;
+    const int reference = request.reference, planes = request.planes, subsample = request.subsample;
     SfmScene scene;
-    if (!loadSfmScene(scene, scenePath)) {
-        std::cout << "Error: the scene " << scenePath << " could not be loaded" << std::endl;
-        return 1;
-    }
-    if (reference >= int(scene.images.size())) {
-        std::cout << "Error: the reference index " << reference << " is not a camera of the scene (0 to "
-                  << scene.images.size() - 1 << ")" << std::endl;
-        return 1;
-    }
+    if (!loadSfmScene(scene, request.scenePath))
+        return cli::fail("the scene " + request.scenePath + " could not be loaded");
+    if (reference >= int(scene.images.size()))
+        return cli::fail("the reference index " + std::to_string(reference) + " is not a camera of the scene (0 to " +
+                         std::to_string(scene.images.size() - 1) + ")");
     SweepInput in;
-    if (!gatherInput(scene, reference, neighbours, scale, in)) return 1;
+    if (!gatherInput(scene, reference, request.neighbours, request.scale, in)) return cli::kFailure;
     if (m == Method::Homography) in.cameras = relativeToFirst(in.cameras);
 
     double plane[4] = {0, 0, 0, 0};
     if (m == Method::Height) {
-        if (planeArg.size() == 4) {
-            std::copy(planeArg.begin(), planeArg.end(), plane);
-            if (plane[0] == 0.0 && plane[1] == 0.0 && plane[2] == 0.0) {
-                std::cout << "Error: the plane's normal (a, b, c) must not be 0" << std::endl;
-                return 1;
-            }
-        } else {
+        if (request.plane.size() == 4)
+            std::copy(request.plane.begin(), request.plane.end(), plane);
+        else
             defaultHeightPlane(scene.cameras[reference], scene.boundingBox, plane);
-        }
     }
-    SweepRange range{start, step};
-    if (!startOpt->count()) {
+    SweepRange range = request.range;
+    if (!request.rangeGiven) {
         std::string why;
         // The bounding box is given in the scene's frame: take the range from
         // the reference camera as the scene file has it.
         mycamera ref = scene.cameras[reference];
         scaleCameraToLevel(ref, 1.0);
-        if (!rangeFromBoundingBox(m, ref, scene.boundingBox, plane, planes, range, why)) {
-            std::cout << "Error: no sweep range from the bounding box: " << why << "; give --start and --step"
-                      << std::endl;
-            return 1;
-        }
+        if (!rangeFromBoundingBox(m, ref, scene.boundingBox, plane, planes, range, why))
+            return cli::fail("no sweep range from the bounding box: " + why + "; give --start and --step");
     }
 
     const int ow = (in.width + subsample - 1) / subsample;
@@ -408,7 +326,6 @@ int runPlaneSweepCommand(int argc, char** argv) {
     std::vector<mycamera_cuda> cams(in.cameras.size());
     for (size_t i = 0; i < cams.size(); ++i) toCameraCuda(cams[i], in.cameras[i]);
     std::vector<float> depth(size_t(ow) * oh, 0.0f), score(size_t(ow) * oh, 0.0f);
-    const int numNeighbours = int(in.indices.size()) - 1;
 
     std::cout << "reference camera " << reference << " (" << scene.imagePaths[reference] << "), neighbours";
     for (size_t i = 1; i < in.indices.size(); ++i) std::cout << " " << in.indices[i];
@@ -416,30 +333,126 @@ int runPlaneSweepCommand(int argc, char** argv) {
     std::cout << "sweep: " << methodName(m) << ", " << planes << " planes of " << valueName(m) << " from "
               << range.start << " in steps of " << range.step << ", " << in.width << " x " << in.height
               << " images, " << ow << " x " << oh << " cells";
-    if (m == Method::Homography) std::cout << ", " << levels << " window sizes";
+    if (m == Method::Homography) std::cout << ", " << request.levels << " window sizes";
     if (m == Method::Height)
         std::cout << ", plane " << plane[0] << " " << plane[1] << " " << plane[2] << " " << plane[3];
     std::cout << std::endl;
 
+    SweepInputs sweep;
+    sweep.num_neighbours = int(in.indices.size()) - 1;
+    sweep.width = in.width;
+    sweep.height = in.height;
+    sweep.image_stack = in.stack.data();
+    sweep.cameras = cams.data();
+    sweep.out_width = ow;
+    sweep.out_height = oh;
+    sweep.subsample = subsample;
+    sweep.depth = depth.data();
+    sweep.score = score.data();
+    sweep.start = range.start;
+    sweep.step = range.step;
+    sweep.num_planes = planes;
+
     const auto t0 = std::chrono::steady_clock::now();
+    DeviceStatus status = DeviceStatus::Failed;
     if (m == Method::InvDepth) {
-        PlaneSweep_InvDepth_CUDA(numNeighbours, in.width, in.height, in.stack.data(), cams.data(), ow, oh, subsample,
-                                 depth.data(), score.data(), range.start, range.step, planes);
+        status = PlaneSweep_InvDepth_CUDA(device, InvDepthSweepArgs{sweep});
     } else if (m == Method::Height) {
-        const float p[4] = {float(plane[0]), float(plane[1]), float(plane[2]), float(plane[3])};
-        PlaneSweep_Height_CUDA(numNeighbours, in.width, in.height, in.stack.data(), cams.data(), ow, oh, subsample,
-                               depth.data(), score.data(), range.start, range.step, planes, p);
+        HeightSweepArgs args;
+        args.sweep = sweep;
+        for (int k = 0; k < 4; ++k) args.plane[k] = float(plane[k]);
+        status = PlaneSweep_Height_CUDA(device, args);
     } else {
-        PlaneSweep_Homography_CUDA(numNeighbours, in.width, in.height, in.stack.data(), cams.data(), ow, oh,
-                                   subsample, depth.data(), score.data(), range.start, range.step, planes, levels);
+        HomographySweepArgs args;
+        args.sweep = sweep;
+        args.num_levels = request.levels;
+        status = PlaneSweep_Homography_CUDA(device, args);
     }
+    // The device has printed why; the maps it left are not to be written.
+    if (status != DeviceStatus::Ok) return cli::kFailure;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-    std::cout << "plane sweep time: " << seconds << " s on the " << deviceBackendName(activeDeviceBackend())
+    std::cout << "plane sweep time: " << seconds << " s on the " << deviceBackendName(device.backend)
               << " backend" << std::endl;
 
     double lo = 0.0, hi = 0.0;
     displayRange(m, range, planes, in.cameras[0], in.width, in.height, lo, hi);
-    return writeMaps(m, outPrefix, ow, oh, depth, score, lo, hi, minScore) ? 0 : 1;
+    return writeMaps(m, request.outPrefix, ow, oh, depth, score, lo, hi, request.minScore) ? cli::kSuccess
+                                                                                           : cli::kFailure;
+}
+
+int runPlaneSweepCommand(int argc, char** argv) {
+    CLI::App app{"Plane sweep for one reference camera of a scene file: writes the depth map as a 16-bit PNG and "
+                 "a false-colour PNG, and the score map."};
+    PlaneSweepRequest request;
+    std::string method = "invdepth";
+    int device = 0;
+    app.add_option("scene", request.scenePath,
+                   "SFM scene file (photographs are read relative to the working folder)")
+        ->required();
+    app.add_option("reference", request.reference, "index of the reference camera")
+        ->required()
+        ->check(CLI::NonNegativeNumber);
+    app.add_option("out_prefix", request.outPrefix, "output path prefix: PREFIX_depth.png, PREFIX_depth_color.png, "
+                                                    "PREFIX_score.png")
+        ->required();
+    app.add_option("--method", method, "invdepth (inverse distance along each ray), height (levels over a plane) "
+                                       "or homography (planes facing the reference, multi-window NCC)")
+        ->check(CLI::IsMember({"invdepth", "height", "homography"}))
+        ->capture_default_str();
+    CLI::Option* startOpt = app.add_option("--start", request.range.start, "value of the first plane (default: "
+                                                                           "from the bounding box)");
+    CLI::Option* stepOpt = app.add_option("--step", request.range.step, "value step between planes (default: from "
+                                                                        "the bounding box)");
+    app.add_option("--planes", request.planes, "number of planes")
+        ->check(CLI::Range(3, 100000))
+        ->capture_default_str();
+    app.add_option("--levels", request.levels, "window sizes of the homography sweep (half-sizes 2, 4, ...)")
+        ->check(CLI::Range(0, 32))
+        ->capture_default_str();
+    app.add_option("--neighbours", request.neighbours, "neighbours taken from the scene file's list")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    app.add_option("--subsample", request.subsample, "image pixels per result cell in each direction")
+        ->check(CLI::Range(1, 64))
+        ->capture_default_str();
+    app.add_option("--scale", request.scale, "scale of the images before the sweep")
+        ->check(CLI::Range(0.05, 1.0))
+        ->capture_default_str();
+    app.add_option("--plane", request.plane, "a b c d of the height sweep's plane a x + b y + c z + d = 0 (default: "
+                                             "the reference camera's axis as normal, level 0 through the box's "
+                                             "centre)")
+        ->expected(4);
+    app.add_option("--min-score", request.minScore, "cells scoring below this are left out of the depth images")
+        ->check(CLI::Range(-1.0f, 1.0f))
+        ->capture_default_str();
+    app.add_option("--device", device, "CUDA device index")->capture_default_str();
+    startOpt->needs(stepOpt);
+    stepOpt->needs(startOpt);
+    if (const auto status = cli::parse(app, argc, argv)) return *status;
+
+    request.method = method == "height"       ? Method::Height
+                     : method == "homography" ? Method::Homography
+                                              : Method::InvDepth;
+    request.rangeGiven = startOpt->count() > 0;
+    const std::vector<double>& p = request.plane;
+    if (!p.empty() && request.method != Method::Height)
+        return cli::refuse("--plane belongs to the height sweep (--method height)");
+    if (!p.empty() && p[0] == 0.0 && p[1] == 0.0 && p[2] == 0.0)
+        return cli::refuse("the plane's normal (a, b, c) must not be 0");
+    if (request.rangeGiven && !(request.range.step != 0.0f && std::isfinite(request.range.start) &&
+                                std::isfinite(request.range.step)))
+        return cli::refuse("--start and --step must be finite and the step must not be 0");
+    {
+        const std::string& prefix = request.outPrefix;
+        const size_t slash = prefix.find_last_of('/');
+        const std::string folder = slash == std::string::npos ? "." : prefix.substr(0, slash + 1);
+        if (prefix.empty() || prefix.back() == '/' || access(folder.c_str(), W_OK) != 0)
+            return cli::fail("the output prefix " + prefix + " does not name a file in a writable folder");
+    }
+
+    const DeviceSetup setup = setupDevice(device);
+    std::cout << setup.description << std::endl;
+    return runPlaneSweep(request, setup.device);
 }
 
 }  // namespace planesweep_tool

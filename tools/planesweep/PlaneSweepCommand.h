@@ -8,6 +8,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "ProgramCUDA.h"
 #include "mycamera.h"
 
 namespace planesweep_tool {
@@ -42,7 +43,32 @@ std::vector<mycamera> relativeToFirst(const std::vector<mycamera>& cameras);
 // into place. Returns false (having printed an "Error: " line) on failure.
 bool writePngAtomically(const std::string& path, const cv::Mat& image);
 
-// The whole program; returns the exit status (0 on success, 1 on failure).
+// What the command line asks for, once parsed and checked.
+struct PlaneSweepRequest {
+    std::string scenePath;
+    int reference = 0;
+    std::string outPrefix;
+    Method method = Method::InvDepth;
+    bool rangeGiven = false;  // start and step given; otherwise from the bounding box
+    SweepRange range;
+    int planes = 64;
+    int levels = 2;
+    int neighbours = 4;
+    int subsample = 1;
+    double scale = 1.0;
+    std::vector<double> plane;  // a, b, c, d of the height sweep, or empty for the default
+    float minScore = 0.5f;
+};
+
+// Runs the sweep of `request` on `device` and writes the images. Returns the
+// exit status: 0 on success, 1 when the scene cannot be used, the device
+// refuses or fails the sweep, or an image cannot be written; nothing is
+// written unless the sweep has succeeded.
+int runPlaneSweep(const PlaneSweepRequest& request, const DeviceHandle& device);
+
+// The whole program: parses and checks the command line, sets up the device
+// and runs the sweep. Returns the exit status (CommandLine.h: 0 success, 1
+// failure, 2 refused command line).
 int runPlaneSweepCommand(int argc, char** argv);
 
 }  // namespace planesweep_tool

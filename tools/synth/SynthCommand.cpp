@@ -8,7 +8,7 @@
 
 #include <CLI/CLI.hpp>
 
-#include "ParseCommandLine.h"
+#include "CommandLine.h"
 #include "SynthScene.h"
 
 namespace tessaline::synth {
@@ -37,15 +37,13 @@ int runSynthCommand(int argc, char** argv) {
                    "Mean outward offset of the initial mesh, as a fraction of the truth's diagonal")
         ->capture_default_str();
     app.add_option("--supersample", o.supersample, "Rays per pixel along each axis")->capture_default_str();
-    if (const int status = tessaline::parseCommandLine(app, argc, argv); status >= 0) return status;
+    if (const auto status = cli::parse(app, argc, argv)) return *status;
+    if (const std::string problem = checkSynthOptions(o); !problem.empty()) return cli::refuse(problem);
 
     try {
         SynthScene scene;
         std::string error;
-        if (!makeSynthScene(o, scene, error) || !writeSynthScene(scene, folder, error)) {
-            std::cout << "Error: " << error << std::endl;
-            return 1;
-        }
+        if (!makeSynthScene(o, scene, error) || !writeSynthScene(scene, folder, error)) return cli::fail(error);
         const SynthOptions& so = scene.options;
         const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
         char line[160];
@@ -62,12 +60,11 @@ int runSynthCommand(int argc, char** argv) {
         std::cout << "  object at least " << so.marginPixels << " pixels from the image border in every view\n";
         std::snprintf(line, sizeof line, "  generated in %.2f s", seconds);
         std::cout << line << std::endl;
-        return 0;
+        return cli::kSuccess;
     } catch (const std::exception& e) {
         // OpenCV and the standard library report by exception (e.g. out of
         // memory for a huge image); stop with a message instead of aborting.
-        std::cout << "Error: " << e.what() << std::endl;
-        return 1;
+        return cli::fail(e.what());
     }
 }
 

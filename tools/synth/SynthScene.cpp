@@ -13,6 +13,8 @@
 #include <sstream>
 
 #include <opencv2/imgcodecs.hpp>
+#include <tbb/blocked_range.h>
+#include <tbb/parallel_for.h>
 
 #include "MeshRayCaster.h"
 #include "SynthShape.h"
@@ -162,9 +164,10 @@ cv::Mat renderView(const SynthShape& shape, const MeshRayCaster& caster, const T
         view.origin[a] = -(cam.R[a] * cam.t[0] + cam.R[3 + a] * cam.t[1] + cam.R[6 + a] * cam.t[2]);
     cv::Mat image(height, width, CV_8UC1, cv::Scalar(0));
     // Rows are independent, so the number of threads cannot change the result.
-#pragma omp parallel for schedule(dynamic, 4)
-    for (int y = 0; y < height; ++y)
-        for (int x = 0; x < width; ++x) image.at<uint8_t>(y, x) = shadePixel(view, x, y);
+    tbb::parallel_for(tbb::blocked_range<int>(0, height, 4), [&](const tbb::blocked_range<int>& rows) {
+        for (int y = rows.begin(); y != rows.end(); ++y)
+            for (int x = 0; x < width; ++x) image.at<uint8_t>(y, x) = shadePixel(view, x, y);
+    });
     return image;
 }
 

@@ -118,7 +118,8 @@ void pixelRay(const mycamera& camera, double x, double y, double direction[3]);
 std::vector<std::vector<int>> nearestViewNeighbours(const std::vector<mycamera>& cameras);
 
 // The command line: tessaline_synth OUT_DIR [options]. Prints a summary, or
-// an "Error: " line. Returns the process exit status (0 on success).
+// an "Error: " line. Returns the process exit status (CommandLine.h: 0
+// success, 1 failure, 2 refused command line, unusable options included).
 int runSynthCommand(int argc, char** argv);
 
 }  // namespace tessaline::synth

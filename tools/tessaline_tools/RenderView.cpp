@@ -94,16 +94,28 @@ double percentile(std::vector<double> v, double q) {
 
 }  // namespace
 
-MeshView renderMeshView(const TriMesh& mesh, const mycamera& camera, int width, int height) {
+MeshView renderMeshView(const DeviceHandle& device, const TriMesh& mesh, const mycamera& camera, int width,
+                        int height) {
     const int LU = width + 2 * kRenderSlack, LV = height + 2 * kRenderSlack;
     std::vector<float> depth(size_t(LU) * size_t(LV), FLT_MAX);
     std::vector<int> facet(depth.size(), -1);
     std::vector<float> b(depth.size(), -1.0f), c(depth.size(), -1.0f);
-    mycamera_cuda cam;
-    toCameraCuda(cam, camera);
-    TriMesh_Image_ZBuffering_CUDA(mesh.num_v, mesh.vertices.data(), mesh.num_f, mesh.facets.data(), cam,
-                                  -kRenderSlack, -kRenderSlack, LU, LV, depth.data(), facet.data(), b.data(),
-                                  c.data());
+    ZBufferArgs args;
+    args.num_v = mesh.num_v;
+    args.vertices = mesh.vertices.data();
+    args.num_f = mesh.num_f;
+    args.facets = mesh.facets.data();
+    toCameraCuda(args.camera, camera);
+    args.BU = -kRenderSlack;
+    args.BV = -kRenderSlack;
+    args.LU = LU;
+    args.LV = LV;
+    args.depth_image = depth.data();
+    args.facet_image = facet.data();
+    args.bary_b_image = b.data();
+    args.bary_c_image = c.data();
+    if (TriMesh_Image_ZBuffering_CUDA(device, args) != DeviceStatus::Ok)
+        throw ReportedFailure("the render of the mesh failed");
     MeshView view;
     view.facet.create(height, width, CV_32S);
     view.baryB.create(height, width, CV_32F);
@@ -145,7 +157,7 @@ double niceScale(double v) {
     return 10.0 * p;
 }
 
-void runRender(const RenderOptions& options) {
+void runRender(const RenderOptions& options, const DeviceHandle& device) {
     // Checks that cost nothing come first.
     const fs::path outPath = fs::absolute(options.outPath);
     if (!cv::haveImageWriter(outPath.string()))
@@ -186,7 +198,7 @@ void runRender(const RenderOptions& options) {
     mycamera cam = scene.cameras[size_t(ci)];
     updateIntrinsicMatrices(cam);
     updateProjectionMatrix(cam);
-    const MeshView view = renderMeshView(mesh, cam, W, H);
+    const MeshView view = renderMeshView(device, mesh, cam, W, H);
 
     double C[3];
     for (int k = 0; k < 3; ++k) C[k] = -(cam.R[k] * cam.t[0] + cam.R[3 + k] * cam.t[1] + cam.R[6 + k] * cam.t[2]);

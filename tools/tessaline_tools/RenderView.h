@@ -13,6 +13,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "ProgramCUDA.h"
 #include "SfmScene.h"
 #include "TriMesh.h"
 
@@ -37,9 +38,12 @@ struct MeshView {
 };
 
 // Renders `mesh` into `camera` (K and P must be set) over a width x height
-// photograph. The z-buffer area reaches past the photograph's border so that
-// facets at the edge of the picture are drawn too.
-MeshView renderMeshView(const TriMesh& mesh, const mycamera& camera, int width, int height);
+// photograph on `device`. The z-buffer area reaches past the photograph's
+// border so that facets at the edge of the picture are drawn too. Throws
+// ReportedFailure when the device refuses or fails the render (it has
+// printed why).
+MeshView renderMeshView(const DeviceHandle& device, const TriMesh& mesh, const mycamera& camera, int width,
+                        int height);
 
 // The camera named by `which`: a 0-based index, or a photograph's file name
 // (its full path in the scene file or its last component). Throws ToolError.
@@ -49,8 +53,9 @@ int findSceneCamera(const SfmScene& scene, const std::string& which);
 // below v (v > 0): a colour scale with readable labels.
 double niceScale(double v);
 
-// Runs the whole sub-command; prints a summary; throws ToolError. The image is
-// written only when everything has succeeded.
-void runRender(const RenderOptions& options);
+// Runs the whole sub-command, rendering on `device` (the CPU backend unless
+// told otherwise); prints a summary; throws ToolError. The image is written
+// only when everything has succeeded.
+void runRender(const RenderOptions& options, const DeviceHandle& device = cpuDevice());
 
 }  // namespace tessaline_tools

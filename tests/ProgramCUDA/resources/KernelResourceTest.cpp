@@ -2,6 +2,11 @@
 // from ptxas's report of the build (registers per thread, static shared
 // memory), with the block taken from the launch trampoline's template
 // arguments. Runs where the CUDA backend is built; needs no GPU.
+//
+// The reports read are exactly those of the module's CUDA units, named by
+// the build (TESSALINE_KERNEL_RESOURCE_REPORTS, a list separated by ';'):
+// a report left behind by a unit that no longer exists is not read, and a
+// unit without its report fails the test.
 #include <gtest/gtest.h>
 
 #include <cxxabi.h>
@@ -12,7 +17,9 @@
 #include <map>
 #include <regex>
 #include <set>
+#include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -46,24 +53,40 @@ std::string demangle(const std::string& mangled) {
     return result;
 }
 
-// The entries of every report file: "Compiling entry function '<name>'"
-// followed by "Used N registers, ..., S bytes smem, ...".
-std::map<std::string, KernelResources> readReports(const fs::path& dir, std::string& problems) {
+// The report files the build names, in its order.
+std::vector<std::string> expectedReports() {
+    std::vector<std::string> names;
+    std::istringstream list(TESSALINE_KERNEL_RESOURCE_REPORTS);
+    for (std::string name; std::getline(list, name, ';');)
+        if (!name.empty()) names.push_back(name);
+    return names;
+}
+
+// The entries of the named report files in `dir`: "Compiling entry function
+// '<name>'" followed by "Used N registers, ..., S bytes smem, ...". A file
+// that is missing or cannot be read is a problem.
+std::map<std::string, KernelResources> readReports(const fs::path& dir, const std::vector<std::string>& files,
+                                                   std::string& problems) {
     std::map<std::string, KernelResources> kernels;
     const std::regex entry(R"(Compiling entry function '([^']+)' for 'sm_\d+')");
     const std::regex used(R"(Used (\d+) registers)");
     const std::regex smem(R"((\d+) bytes smem)");
     const std::regex launch1D(R"(launchKernel1D<(\d+), ([\w:]+)>)");
     const std::regex launch2D(R"(launchKernel2D<(\d+), (\d+), ([\w:]+)>)");
-    for (const auto& file : fs::directory_iterator(dir)) {
-        std::ifstream in(file.path());
+    for (const std::string& file : files) {
+        const fs::path path = dir / file;
+        std::ifstream in(path);
+        if (!fs::is_regular_file(path) || !in) {
+            problems += "no resource report " + path.string() + " (is the CUDA build complete?)\n";
+            continue;
+        }
         std::string line, current;
         while (std::getline(in, line)) {
             std::smatch m;
             if (std::regex_search(line, m, entry)) {
                 const std::string name = demangle(m[1]);
                 KernelResources k;
-                k.report = file.path().filename().string();
+                k.report = file;
                 std::smatch b;
                 if (std::regex_search(name, b, launch1D)) {
                     k.threads = std::stoll(b[1]);
@@ -96,11 +119,41 @@ TEST(KernelResources, RuleOfRegistersPerBlock) {
     EXPECT_FALSE(registersFit(210, 300));  // 10 warps of 6,912
 }
 
+// Only the named reports are read, and a named one that is missing is a
+// problem: a stale report of a removed unit must neither hide nor add kernels.
+TEST(KernelResources, ReadsExactlyTheNamedReports) {
+    const fs::path dir = fs::path(::testing::TempDir()) / "kernel_resource_reports";
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    const auto write = [&](const char* file, const char* kernel, int registers) {
+        std::ofstream(dir / file) << "ptxas info    : Compiling entry function 'void tessaline::launchKernel1D<512, "
+                                  << kernel << ">(" << kernel << ")' for 'sm_90'\n"
+                                  << "ptxas info    : Used " << registers
+                                  << " registers, 8 bytes smem, 380 bytes cmem[0]\n";
+    };
+    write("Present.cu.o.txt", "tessaline::Kernel_Present", 40);
+    write("Stale.cu.o.txt", "tessaline::Kernel_Stale", 200);
+    std::string problems;
+    const auto kernels = readReports(dir, {"Present.cu.o.txt", "Missing.cu.o.txt"}, problems);
+    ASSERT_EQ(kernels.size(), 1u);
+    const KernelResources& k = kernels.begin()->second;
+    EXPECT_EQ(k.name, "tessaline::Kernel_Present");
+    EXPECT_EQ(k.threads, 512);
+    EXPECT_EQ(k.registers, 40);
+    EXPECT_EQ(k.sharedBytes, 8);
+    EXPECT_EQ(k.report, "Present.cu.o.txt");
+    EXPECT_NE(problems.find("Missing.cu.o.txt"), std::string::npos) << problems;
+    EXPECT_EQ(problems.find("Stale"), std::string::npos) << problems;
+    fs::remove_all(dir);
+}
+
 TEST(KernelResources, EveryKernelFitsItsBlock) {
     const fs::path dir = TESSALINE_KERNEL_RESOURCE_DIR;
     ASSERT_TRUE(fs::is_directory(dir)) << "no resource report: " << dir << " (is the CUDA build complete?)";
+    const std::vector<std::string> files = expectedReports();
+    ASSERT_FALSE(files.empty()) << "the build names no resource report";
     std::string problems;
-    const auto kernels = readReports(dir, problems);
+    const auto kernels = readReports(dir, files, problems);
     EXPECT_EQ(problems, "");
     std::set<std::string> names;
     for (const auto& [entry, k] : kernels) {

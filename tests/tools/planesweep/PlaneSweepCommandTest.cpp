@@ -171,28 +171,50 @@ TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlaneWithEverySweep) {
     }
 }
 
-TEST_F(PlaneSweepProgram, RefusesBadArgumentsWithAnErrorLine) {
+TEST_F(PlaneSweepProgram, RefusesBadOptionsAndUnusableInputsWithAnErrorLine) {
     const std::string missing = (dir / "missing" / "out").string(), none = (dir / "none.sfm").string();
-    const std::vector<std::pair<std::vector<std::string>, std::string>> bad = {  // arguments, message
-        {{scene(), "0", prefix(), "--method", "stereo"}, "--method"},
-        {{scene(), "0", prefix(), "--planes", "2"}, "--planes"},
-        {{scene(), "0", prefix(), "--start", "0.5"}, "--step"},
-        {{scene(), "0", prefix(), "--start", "0.5", "--step", "0"},
+    struct Case { std::vector<std::string> args; int status; std::string message; };
+    const std::vector<Case> bad = {  // status 2: the command line is refused; 1: the run cannot go on
+        {{scene(), "0", prefix(), "--method", "stereo"}, 2, "--method"},
+        {{scene(), "0", prefix(), "--planes", "2"}, 2, "--planes"},
+        {{scene(), "0", prefix(), "--start", "0.5"}, 2, "--step"},
+        {{scene(), "0", prefix(), "--start", "0.5", "--step", "0"}, 2,
          "--start and --step must be finite and the step must not be 0"},
-        {{scene(), "0", prefix(), "--plane", "0", "0", "1", "0"}, "--plane belongs to the height sweep"},
-        {{scene(), "0", prefix(), "--method", "height", "--plane", "0", "0", "0", "1"},
+        {{scene(), "0", prefix(), "--plane", "0", "0", "1", "0"}, 2, "--plane belongs to the height sweep"},
+        {{scene(), "0", prefix(), "--method", "height", "--plane", "0", "0", "0", "1"}, 2,
          "the plane's normal (a, b, c) must not be 0"},
-        {{scene(), "7", prefix()}, "the reference index 7 is not a camera of the scene (0 to 3)"},
-        {{scene(), "1", prefix()}, "camera 1 has no usable neighbour in the scene file"},
-        {{scene(), "0", missing}, "the output prefix " + missing + " does not name a file in a writable folder"},
-        {{none, "0", prefix()}, "the scene " + none + " could not be loaded"},
+        {{scene(), "7", prefix()}, 1, "the reference index 7 is not a camera of the scene (0 to 3)"},
+        {{scene(), "1", prefix()}, 1, "camera 1 has no usable neighbour in the scene file"},
+        {{scene(), "0", missing}, 1, "the output prefix " + missing + " does not name a file in a writable folder"},
+        {{none, "0", prefix()}, 1, "the scene " + none + " could not be loaded"},
     };
-    for (const auto& [args, message] : bad) {
+    for (const Case& c : bad) {
         std::string out;
-        EXPECT_EQ(run(args, out), 1) << message;
-        EXPECT_NE(out.find(message, out.find("Error: ")), std::string::npos) << out;  // on the error line
+        EXPECT_EQ(run(c.args, out), c.status) << c.message;
+        EXPECT_NE(out.find(c.message, out.find("Error: ")), std::string::npos) << out;  // on the error line
     }
     EXPECT_FALSE(fs::exists(prefix() + "_depth.png"));
+}
+
+// A device that cannot run the sweep (here a CUDA device that no machine
+// has) reports it; the program stops with the failure status and writes no
+// image.
+TEST_F(PlaneSweepProgram, ASweepTheDeviceDoesNotCompleteWritesNothing) {
+    planesweep_tool::PlaneSweepRequest request;
+    request.scenePath = scene();
+    request.outPrefix = prefix();
+    request.planes = 9;
+    for (const Method method : {Method::InvDepth, Method::Height, Method::Homography}) {
+        request.method = method;
+        testing::internal::CaptureStdout();
+        const int status = planesweep_tool::runPlaneSweep(request, DeviceHandle{DeviceBackend::Cuda, 999});
+        const std::string out = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(status, 1) << out;
+        EXPECT_NE(out.find("Error: "), std::string::npos) << out;
+        EXPECT_EQ(out.find("plane sweep time"), std::string::npos) << out;
+    }
+    for (const auto& e : fs::directory_iterator(dir))
+        EXPECT_NE(e.path().string().rfind(prefix(), 0), 0u) << e.path();
 }
 
 }  // namespace

@@ -1,9 +1,5 @@
-// render: what the z-buffer shows of a mesh, the picture written whole or not
-// at all, and the command line of the program.
-#include <sys/wait.h>
-
-#include <tuple>
-
+// render: what the z-buffer shows of a mesh, and the picture written whole or
+// not at all.
 #include <opencv2/imgcodecs.hpp>
 
 #include "MeshReader.h"
@@ -34,18 +30,10 @@ struct RenderFixture : ImportFixture {
         options.camera = "view01.png";
         options.outPath = (dir / "view.png").string();
     }
-    std::string render() {
-        return errorMessage([&] { runRender(options); });
+    std::string render(const DeviceHandle& device = cpuDevice()) {
+        return errorMessage([&] { runRender(options, device); });
     }
 };
-
-int runTool(const std::string& args, std::string& output) {
-    TempDir dir;
-    const std::string cmd = std::string(TOOLS_BINARY) + " " + args + " > " + (dir / "out.txt").string() + " 2>&1";
-    const int status = std::system(cmd.c_str());
-    output = readText(dir / "out.txt");
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
 
 }  // namespace
 
@@ -53,11 +41,11 @@ TEST(RenderMeshView, FrontFacesShowTheirFacetBackFacesAreMarkedEdgesAreDrawn) {
     const RingScene ring = makeRingScene(6);
     mycamera cam = ring.cameras[0];
     const int cx = int(std::lround(cam.cx)), cy = int(std::lround(cam.cy));
-    const MeshView front = renderMeshView(cube(false), cam, ring.width, ring.height);
+    const MeshView front = renderMeshView(cpuDevice(), cube(false), cam, ring.width, ring.height);
     EXPECT_GE(front.facet.at<int>(cy, cx), 0);
     EXPECT_EQ(front.facet.at<int>(2, 2), -1);  // background
     EXPECT_EQ(cv::countNonZero(front.backFace), 0);
-    const MeshView back = renderMeshView(cube(true), cam, ring.width, ring.height);
+    const MeshView back = renderMeshView(cpuDevice(), cube(true), cam, ring.width, ring.height);
     EXPECT_EQ(back.facet.at<int>(cy, cx), -1);
     EXPECT_EQ(back.backFace.at<uint8_t>(cy, cx), 255);
     // The z-buffer drops facets near its area's border; the area reaches past
@@ -65,7 +53,7 @@ TEST(RenderMeshView, FrontFacesShowTheirFacetBackFacesAreMarkedEdgesAreDrawn) {
     cam.cx = -5;
     updateIntrinsicMatrices(cam);
     updateProjectionMatrix(cam);
-    const MeshView cut = renderMeshView(cube(false), cam, ring.width, ring.height);
+    const MeshView cut = renderMeshView(cpuDevice(), cube(false), cam, ring.width, ring.height);
     EXPECT_GE(cut.facet.at<int>(cy, 0), 0);
     EXPECT_GE(cut.facet.at<int>(cy, 15), 0);
     EXPECT_EQ(cut.facet.at<int>(cy, 60), -1);
@@ -111,18 +99,20 @@ TEST(RenderCommand, RefusesBadRequestsThenDrawsPanelsAndAHeatMapWithItsBar) {
     EXPECT_NE(heat[0], heat[2]);  // coloured, not grey
 }
 
-TEST(ToolsCommandLine, HelpUsageErrorsAndExitStatus) {
-    TempDir dir;
-    const std::string badImport = "import " + (dir / "m").string() + " " + dir.path().string() + " x.ply " +
-                                  (dir / "out").string();
-    const std::vector<std::tuple<std::string, int, std::string>> cases = {  // arguments, status, output
-        {"import --help", 0, "--neighbours"}, {"render --help", 0, "--compare"},
-        {"import only-one", 2, "Error: "}, {"", 2, "Error: "}, {badImport, 1, "Error: the model folder"}};
-    for (const auto& [args, status, text] : cases) {
-        std::string out;
-        EXPECT_EQ(runTool(args, out), status) << args;
-        EXPECT_NE(out.find(text), std::string::npos) << out;
-        if (status) EXPECT_EQ(out.rfind("Error: ", 0), 0u) << out;
+// A device that cannot render (here a CUDA device that no machine has)
+// reports it itself: the render stops with a failure that prints nothing
+// more, and no picture is written.
+TEST(RenderCommand, ARenderTheDeviceDoesNotCompleteWritesNothing) {
+    RenderFixture f;
+    testing::internal::CaptureStdout();
+    bool reported = false;
+    try {
+        runRender(f.options, DeviceHandle{DeviceBackend::Cuda, 999});
+    } catch (const ReportedFailure&) {
+        reported = true;
     }
-    EXPECT_FALSE(fs::exists(dir / "out"));
+    const std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(reported);
+    EXPECT_NE(out.find("Error: "), std::string::npos) << out;
+    EXPECT_FALSE(fs::exists(f.options.outPath));
 }

@@ -1,0 +1,122 @@
+// Start-up, device handles, memory figures, and the public entry points,
+// each handing its call to the backend that the device handle names.
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "ProgramCUDA.h"
+#include "backend/CpuThreads.h"
+
+namespace tessaline::cudart {
+// Implemented in backend/CudaRuntime.cu when the build has CUDA.
+bool deviceCount(int& count);
+bool setupDevice(int deviceIndex, int& used, std::string& description, double& freeMB, double& totalMB);
+void memoryInfo(int device, double& freeMB, double& totalMB);
+}  // namespace tessaline::cudart
+
+namespace {
+
+// Host memory stands in for device memory on the CPU backend.
+void hostMemoryInfo(double& freeMB, double& totalMB) {
+    const double pages = double(sysconf(_SC_PHYS_PAGES));
+    const double pageSize = double(sysconf(_SC_PAGESIZE));
+    totalMB = pages * pageSize / (1024.0 * 1024.0);
+    freeMB = totalMB;
+    std::ifstream meminfo("/proc/meminfo");
+    std::string key;
+    double kb = 0.0;
+    std::string unit;
+    while (meminfo >> key >> kb >> unit) {
+        if (key == "MemAvailable:") {
+            freeMB = kb / 1024.0;
+            break;
+        }
+    }
+}
+
+// TESSALINE_BACKEND=cpu keeps the kernels on the CPU even where a device
+// exists: for comparing the backends on one machine, or leaving a busy GPU
+// alone.
+[[maybe_unused]] bool cpuBackendRequested() {
+    const char* v = std::getenv("TESSALINE_BACKEND");
+    return v && std::strcmp(v, "cpu") == 0;
+}
+
+}  // namespace
+
+const char* deviceBackendName(DeviceBackend backend) { return backend == DeviceBackend::Cuda ? "CUDA" : "CPU"; }
+
+DeviceHandle cpuDevice() { return DeviceHandle{DeviceBackend::Cpu, 0}; }
+
+DeviceHandle cudaDevice() { return DeviceHandle{DeviceBackend::Cuda, 0}; }
+
+bool cudaDeviceAvailable() {
+#ifdef TESSALINE_CUDA_ENABLED
+    int count = 0;
+    return tessaline::cudart::deviceCount(count) && count > 0;
+#else
+    return false;
+#endif
+}
+
+DeviceSetup setupDevice(int deviceIndex) {
+    DeviceSetup setup;
+#ifdef TESSALINE_CUDA_ENABLED
+    int used = 0;
+    if (!cpuBackendRequested() && cudaDeviceAvailable() &&
+        tessaline::cudart::setupDevice(deviceIndex, used, setup.description, setup.freeMB, setup.totalMB)) {
+        setup.device = DeviceHandle{DeviceBackend::Cuda, used};
+        return setup;
+    }
+    const char* why = cpuBackendRequested() ? "TESSALINE_BACKEND=cpu" : "no CUDA device found";
+#else
+    (void)deviceIndex;
+    const char* why = "built without CUDA";
+#endif
+    setup.device = cpuDevice();
+    std::ostringstream line;
+    const int threads = tessaline::cpuThreadCount();
+    line << "Device backend: CPU, " << threads << (threads == 1 ? " thread (" : " threads (") << why
+         << "; device memory below is host memory)";
+    setup.description = line.str();
+    hostMemoryInfo(setup.freeMB, setup.totalMB);
+    return setup;
+}
+
+void deviceMemoryInfo(const DeviceHandle& device, double& freeMB, double& totalMB) {
+#ifdef TESSALINE_CUDA_ENABLED
+    if (device.backend == DeviceBackend::Cuda) {
+        tessaline::cudart::memoryInfo(device.cudaDevice, freeMB, totalMB);
+        return;
+    }
+#endif
+    hostMemoryInfo(freeMB, totalMB);
+}
+
+// Each entry point: the backends' instances are declared, and the public
+// function calls the one the handle names.
+#ifdef TESSALINE_CUDA_ENABLED
+#define TESSALINE_ENTRY(name, Args)                                                        \
+    namespace tessaline::cpu { DeviceStatus name(const DeviceHandle&, const Args&); }      \
+    namespace tessaline::cuda { DeviceStatus name(const DeviceHandle&, const Args&); }     \
+    DeviceStatus name(const DeviceHandle& device, const Args& args) {                      \
+        if (device.backend == DeviceBackend::Cuda) return tessaline::cuda::name(device, args); \
+        return tessaline::cpu::name(device, args);                                         \
+    }
+#else
+#define TESSALINE_ENTRY(name, Args)                                                        \
+    namespace tessaline::cpu { DeviceStatus name(const DeviceHandle&, const Args&); }      \
+    DeviceStatus name(const DeviceHandle& device, const Args& args) {                      \
+        if (device.backend == DeviceBackend::Cuda) {                                       \
+            std::printf("Error: " #name ": this build has no CUDA backend; nothing done\n"); \
+            return DeviceStatus::Refused;                                                  \
+        }                                                                                  \
+        return tessaline::cpu::name(device, args);                                         \
+    }
+#endif
+#include "backend/EntryPointList.inl"

@@ -1,0 +1,430 @@
+// The mesh optimisation of one level: uploads the mesh, the cameras and all
+// images once, runs a fixed number of gradient-descent iterations entirely on
+// the device, and reads the vertices back once.
+//
+// Each iteration renders every camera, runs warp, NCC chain and gradient
+// accumulation for every ordered camera pair of pair_mask, averages the
+// photometric gradient over the pairs that reached each vertex, and moves the
+// vertices by a photometric step and a smoothness step, both taken from the
+// positions the iteration started from.
+//
+// Decisions beyond the schedule itself:
+// - Arguments are checked at entry (counts, arrays, index ranges of facets and
+//   one-rings, image size against int pixel indices); a refusal prints one
+//   "Error: " line, leaves everything untouched and returns Refused.
+// - A failed allocation, copy or launch stops the iterations; one "Error: "
+//   line says so, `vertices` is left exactly as it came in, everything is
+//   released in order, and the call returns Failed.
+// - A camera with no covered pixel in the first render has no mean depth
+//   (0/0). It takes instead the mean of the mean depths of the cameras that do
+//   see the mesh, and 0 when none does: the pair scale stays finite, and a
+//   camera the moving mesh enters later still contributes at a plausible
+//   scale. While it sees nothing it contributes no pixel anyway.
+// - No camera, or empty images, leave only the smoothness step: there is no
+//   image stack to build and no pair can see anything.
+// - Runs are reproducible: the z-buffer resolves contested pixels in a fixed
+//   way, and GRAD_PHOTO is summed in fixed point (a unit of 2^-50 of the
+//   largest mean depth), so the same input gives the same vertices, bit for
+//   bit, on every run, backend and thread count.
+#pragma once
+
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <vector>
+
+#include "LaunchGeometry.h"
+#include "ProgramCUDA.h"
+#include "backend/DeviceMemory.h"
+#include "backend/EntryPoint.h"
+#include "backend/IterationReplay.h"
+#include "backend/KernelProfile.h"
+#include "ncc/NccChain.h"
+#include "ncc/NccFusedKernels.h"
+#include "optimization/MeshArguments.h"
+#include "optimization/FusedPairKernels.h"
+#include "optimization/MeshKernels.h"
+#include "optimization/PhotometricGradientKernels.h"
+#include "optimization/WarpKernels.h"
+#include "printf/PrintfBracket.h"
+#include "zbuffer/ZBufferRender.h"
+
+namespace tessaline {
+
+constexpr float kBaseStep = 0.1f;
+constexpr float kPhotometricWeight = 750.0f;
+constexpr int kOptimizationHalfWindow = 2;  // 5 x 5 NCC windows
+
+// How an optimisation call schedules its kernels. Both compute the same
+// vertices, bit for bit; the reference runs the chain of a pair as the
+// thirteen launches of the kernels it is specified by, the fast schedule
+// (the default) as three (warp, window statistics, gradient with its
+// accumulation), shares each facet's columns among threads in the renders
+// on CUDA, and on CUDA replays each iteration after the first as one graph.
+// TESSALINE_SCHEDULE=reference selects the reference.
+enum class OptimizationSchedule { Reference, Fast };
+
+inline OptimizationSchedule optimizationSchedule() {
+    const char* v = std::getenv("TESSALINE_SCHEDULE");
+    if (v == nullptr || std::strcmp(v, "fast") == 0) return OptimizationSchedule::Fast;
+    if (std::strcmp(v, "reference") == 0) return OptimizationSchedule::Reference;
+    std::cout << "Warning: TESSALINE_SCHEDULE=" << v << " is neither reference nor fast; the fast schedule runs"
+              << std::endl;
+    return OptimizationSchedule::Fast;
+}
+
+// "<text><free>MB  Total: <total>" and a line end, for the given device.
+inline void printDeviceMemoryReport(const DeviceHandle& device, const char* text) {
+    double freeMB = 0.0, totalMB = 0.0;
+    deviceMemoryInfo(device, freeMB, totalMB);
+    std::cout << text << freeMB << "MB  Total: " << totalMB << "\n";
+    std::cout.flush();
+}
+
+inline bool argumentsPass(const MeshOptimizationArgs& a) {
+    ArgumentCheck check("Integrated_Mesh_Optimization_CUDA");
+    check.count(a.num_v, "negative vertex count");
+    check.count(a.num_f, "negative facet count");
+    check.count(a.num_cameras, "negative camera count");
+    check.count(a.width, "negative image width");
+    check.count(a.height, "negative image height");
+    check.require(tripleFitsIntIndex(a.num_v) && tripleFitsIntIndex(a.num_f), "mesh too large");
+    check.require(imageFitsIntIndex(a.width, a.height), "images too large");
+    if (check.problem) return check.passed();
+
+    const long long pixels = (long long)a.width * a.height;
+    check.array(a.vertices, a.num_v, "vertices missing");
+    check.array(a.facets, a.num_f, "facets missing");
+    check.array(a.cameras, a.num_cameras, "cameras missing");
+    check.array(a.images, (long long)a.num_cameras * pixels, "images missing");
+    check.array(a.pair_mask, a.num_cameras, "pair_mask missing");
+    if (check.problem) return check.passed();
+    checkFacetIndices(check, a.num_v, a.num_f, a.facets);
+    checkOneRings(check, a.num_v, a.num_valence_entries, a.valence_list, a.valence_counts, a.valence_offsets);
+    return check.passed();
+}
+
+// Everything one call holds on the device, and the schedule that uses it.
+// All of it is owned: whatever happens, leaving the call releases it.
+template <class Backend>
+struct MeshOptimizationCall {
+    template <class T>
+    using Buffer = DeviceBuffer<T, Backend>;
+
+    Backend& be;
+    const MeshOptimizationArgs& a;
+    OptimizationSchedule schedule;
+    int pixelCount = 0;
+    bool haveImages = false;
+
+    // Mesh side.
+    Buffer<float> d_vertices;
+    Buffer<int> d_facets, d_valence_list, d_valence_counts, d_valence_offsets;
+    Buffer<float> d_facet_normals;
+    Buffer<float> GRAD_PHOTO;
+    Buffer<unsigned long long> d_grad_photo_sum;  // GRAD_PHOTO before normalisation, fixed point
+    FixedPointScale gradScale;
+    Buffer<float> d_vt_pair_hits, d_vt_pair_count;
+    Buffer<uint8_t> d_vt_update_mask;
+    Buffer<float> d_grad_smooth, d_grad_smooth2;
+
+    // Per camera.
+    OwnedTexture<LayeredTexture, Backend> d_img_stack;
+    std::vector<Buffer<float>> d_imgs, d_zbuffer, d_bary_b, d_bary_c;
+    std::vector<Buffer<int>> d_facet_id;
+    Buffer<unsigned long long> d_depth_keys;  // the render's (depth, facet) keys, one camera at a time
+
+    // Work images shared by all pairs: the chain's (reference schedule), or
+    // the window statistics and the pair stamps (fast schedule).
+    Buffer<float> d_warped;
+    NccWorkBuffers<Backend> nccBuffers;
+    NccWorkImages ncc;
+    Buffer<uint8_t> d_mask;
+    Buffer<float> d_term_r, d_term_b, d_term_c, d_texture;
+    Buffer<int> d_pair_stamp;
+
+    std::vector<float> mean_depth;
+
+    MeshOptimizationCall(Backend& backend, const MeshOptimizationArgs& args,
+                         OptimizationSchedule chosen = OptimizationSchedule::Reference)
+        : be(backend), a(args), schedule(chosen) {
+        pixelCount = a.width * a.height;
+        haveImages = a.num_cameras > 0 && pixelCount > 0;
+    }
+
+    void allocate() {
+        const size_t nv = size_t(a.num_v), nf = size_t(a.num_f), px = size_t(pixelCount);
+        d_vertices = Buffer<float>(be, a.vertices, 3 * nv);
+        d_facets = Buffer<int>(be, a.facets, 3 * nf);
+        d_valence_list = Buffer<int>(be, a.valence_list, size_t(a.num_valence_entries));
+        d_valence_counts = Buffer<int>(be, a.valence_counts, nv);
+        d_valence_offsets = Buffer<int>(be, a.valence_offsets, nv);
+
+        const int cams = cameraCount();
+        if (cams > 0) d_img_stack = makeImageStack(be, a.images, a.width, a.height, cams);
+        std::vector<float> staging(haveImages ? px : 0);
+        for (int c = 0; c < cams; ++c) {
+            const uint8_t* bytes = a.images + size_t(c) * px;
+            for (size_t p = 0; p < px; ++p) staging[p] = float(bytes[p]);
+            d_imgs.emplace_back(be, staging.data(), px);
+        }
+
+        d_facet_normals = Buffer<float>(be, 3 * nf);
+        GRAD_PHOTO = Buffer<float>(be, 3 * nv);
+        d_grad_photo_sum = Buffer<unsigned long long>(be, 3 * nv);
+        d_vt_pair_hits = Buffer<float>(be, nv);
+        d_vt_pair_count = Buffer<float>(be, nv);
+        d_vt_update_mask = Buffer<uint8_t>(be, nv);
+        d_grad_smooth = Buffer<float>(be, 3 * nv);
+        d_grad_smooth2 = Buffer<float>(be, 3 * nv);
+        for (int c = 0; c < cams; ++c) {
+            d_zbuffer.emplace_back(be, px);
+            d_facet_id.emplace_back(be, px);
+            d_bary_b.emplace_back(be, px);
+            d_bary_c.emplace_back(be, px);
+        }
+        if (cams > 0) {
+            d_depth_keys = Buffer<unsigned long long>(be, px);
+            d_warped = Buffer<float>(be, px);
+            if (fast()) {
+                d_mask = Buffer<uint8_t>(be, px);
+                d_term_r = Buffer<float>(be, px);
+                d_term_b = Buffer<float>(be, px);
+                d_term_c = Buffer<float>(be, px);
+                d_texture = Buffer<float>(be, px);
+                d_pair_stamp = Buffer<int>(be, nv);
+            } else {
+                nccBuffers = NccWorkBuffers<Backend>(be, px, true);
+                ncc = nccBuffers.images();
+            }
+        }
+    }
+
+    bool fast() const { return schedule == OptimizationSchedule::Fast; }
+
+    void fillFloat(int n, float* array, float value) { be.launch(WideRun{n}, Kernel_Set_FloatArray{n, array, value}); }
+
+    // Clears the render buffers of camera c and renders the current mesh.
+    void render(int c) {
+        fillFloat(pixelCount, d_zbuffer[c].get(), kDepthClear);
+        be.launch(WideRun{pixelCount}, Kernel_Set_IntArray{pixelCount, d_facet_id[c].get(), -1});
+        be.launch(WideRun{pixelCount}, Kernel_Clear_DepthKeys{pixelCount, d_depth_keys.get()});
+        renderDepthKeys(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], 0, 0, a.width, a.height,
+                        d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
+                        d_bary_c[c].get(), fast() ? Backend::kZBufferLanes : 1);
+    }
+
+    // Mean depth of each camera's covered pixels in the mesh as it arrived.
+    void meanDepthPass() {
+        const int cams = cameraCount();
+        mean_depth.assign(cams, 0.0f);
+        std::vector<bool> covered(cams, false);
+        std::vector<float> depth(size_t(haveImages ? pixelCount : 0));
+        std::vector<int> facet(depth.size());
+        for (int c = 0; c < cams && !be.failed; ++c) {
+            render(c);
+            d_zbuffer[c].download(depth.data());
+            d_facet_id[c].download(facet.data());
+            float sum = 0.0f, count = 0.0f;
+            for (size_t p = 0; p < depth.size(); ++p)
+                if (facet[p] >= 0) {
+                    sum = sum + depth[p];
+                    count = count + 1.0f;
+                }
+            covered[c] = count > 0.0f;
+            if (covered[c]) mean_depth[c] = sum / count;
+        }
+        // Cameras that see nothing borrow the mean over those that do.
+        float sum = 0.0f, count = 0.0f;
+        for (int c = 0; c < cams; ++c)
+            if (covered[c]) {
+                sum = sum + mean_depth[c];
+                count = count + 1.0f;
+            }
+        const float fallback = count > 0.0f ? sum / count : 0.0f;
+        for (int c = 0; c < cams; ++c)
+            if (!covered[c]) mean_depth[c] = fallback;
+        // The photometric terms grow with the scene's depth: the fixed-point
+        // unit of GRAD_PHOTO follows the largest mean depth.
+        float largest = 0.0f;
+        for (int c = 0; c < cams; ++c) largest = std::max(largest, mean_depth[c]);
+        gradScale = fixedPointScaleFor(largest);
+    }
+
+    // Warp, NCC chain and gradient accumulation of reference i, target j.
+    void pairChain(int i, int j) {
+        const mycamera_cuda& ci = a.cameras[i];
+        const mycamera_cuda& cj = a.cameras[j];
+        const int w = a.width, h = a.height;
+        const StackLayerFetch target{d_img_stack.view(), j};
+        fillFloat(a.num_v, d_vt_pair_hits.get(), 0.0f);
+        be.launch(ImageGrid{w, h}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
+                                       {ci, d_zbuffer[i].get(), d_facet_id[i].get(), cj, d_zbuffer[j].get(), w, h,
+                                        d_warped.get(), target}});
+        launchNccChain(be, w, h, d_imgs[i].get(), d_warped.get(), ncc, kOptimizationHalfWindow, true);
+        be.launch(ImageGrid{w, h}, Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
+                                       {a.num_f, d_facets.get(), d_facet_normals.get(), w, h, ci, d_zbuffer[i].get(),
+                                        d_facet_id[i].get(), cj, d_bary_b[i].get(), d_bary_c[i].get(), ncc.grad,
+                                        ncc.mask, mean_depth[i], mean_depth[j], d_grad_photo_sum.get(),
+                                        gradScale.toFixed, d_vt_pair_hits.get(), target}});
+        be.launch(WideRun{a.num_v},
+                  Kernel_Update_Vt_Image_Pair_Count{a.num_v, d_vt_pair_count.get(), d_vt_pair_hits.get()});
+    }
+
+    // The same pair in three launches: warp, window statistics, and the
+    // gradient with its accumulation.
+    void fusedPairChain(int i, int j, int pairNumber) {
+        const mycamera_cuda& ci = a.cameras[i];
+        const mycamera_cuda& cj = a.cameras[j];
+        const int w = a.width, h = a.height;
+        const StackLayerFetch target{d_img_stack.view(), j};
+        be.launch(ImageGrid{w, h}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
+                                       {ci, d_zbuffer[i].get(), d_facet_id[i].get(), cj, d_zbuffer[j].get(), w, h,
+                                        d_warped.get(), target}});
+        be.launch(ImageGrid{w, h}, Kernel_Ncc_WindowStatistics{w, h, d_imgs[i].get(), d_warped.get(), d_mask.get(),
+                                                               d_term_r.get(), d_term_b.get(), d_term_c.get(),
+                                                               d_texture.get(), kOptimizationHalfWindow});
+        be.launch(ImageGrid{w, h},
+                  Kernel_Accumulate_PairGradient{a.num_f,
+                                                 d_facets.get(),
+                                                 d_facet_normals.get(),
+                                                 w,
+                                                 h,
+                                                 ci,
+                                                 d_zbuffer[i].get(),
+                                                 d_facet_id[i].get(),
+                                                 cj,
+                                                 d_bary_b[i].get(),
+                                                 d_bary_c[i].get(),
+                                                 mean_depth[i],
+                                                 mean_depth[j],
+                                                 gradScale.toFixed,
+                                                 target,
+                                                 d_imgs[i].get(),
+                                                 d_warped.get(),
+                                                 d_mask.get(),
+                                                 d_term_r.get(),
+                                                 d_term_b.get(),
+                                                 d_term_c.get(),
+                                                 d_texture.get(),
+                                                 kOptimizationHalfWindow,
+                                                 d_grad_photo_sum.get(),
+                                                 d_pair_stamp.get(),
+                                                 pairNumber,
+                                                 d_vt_pair_count.get()});
+    }
+
+    // Start of an iteration: clear the accumulators, take the normals of the
+    // current mesh and render every camera, so that all depth maps are
+    // complete before the first pair reads two of them.
+    void beginIteration() {
+        const int nv = a.num_v;
+        be.launch(WideRun{3 * nv}, Kernel_Clear_FixedPointSums{3 * nv, d_grad_photo_sum.get()});
+        fillFloat(nv, d_vt_pair_count.get(), 0.0f);
+        if (fast() && cameraCount() > 0) be.launch(WideRun{nv}, Kernel_Set_IntArray{nv, d_pair_stamp.get(), -1});
+        be.launch(WideRun{a.num_f},
+                  Kernel_Compute_FacetNormal{d_vertices.get(), a.num_f, d_facets.get(), d_facet_normals.get()});
+        for (int c = 0; c < cameraCount(); ++c) render(c);
+    }
+
+    int cameraCount() const { return haveImages ? a.num_cameras : 0; }
+
+    // Entries other than 1, and the diagonal, are not pairs.
+    bool isPair(int i, int j) const {
+        return i != j && a.pair_mask[size_t(i) * size_t(a.num_cameras) + size_t(j)] == 1;
+    }
+
+    // GRAD_PHOTO: the sum over a pair's pixels, averaged over the pairs.
+    void normalizeGradient() {
+        be.launch(WideRun{a.num_v},
+                  Kernel_Normalize_GRAD_PHOTO{a.num_v, GRAD_PHOTO.get(), d_vt_pair_count.get(),
+                                              d_vt_update_mask.get(), d_grad_photo_sum.get(), gradScale.toFloat});
+    }
+
+    void iteration() {
+        const int nv = a.num_v;
+        beginIteration();
+        int pairNumber = 0;
+        for (int i = 0; i < cameraCount(); ++i)
+            for (int j = 0; j < cameraCount(); ++j)
+                if (isPair(i, j)) fast() ? fusedPairChain(i, j, pairNumber++) : pairChain(i, j);
+        normalizeGradient();
+        be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_vertices.get(), d_valence_list.get(),
+                                                                d_valence_counts.get(), d_valence_offsets.get(),
+                                                                d_grad_smooth.get(), false});
+        be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_grad_smooth.get(), d_valence_list.get(),
+                                                                d_valence_counts.get(), d_valence_offsets.get(),
+                                                                d_grad_smooth2.get(), true});
+        const float photometricStep = kBaseStep * kPhotometricWeight;  // 75.0
+        const float secondOrderStep = float(double(kBaseStep) * 5.0);  // 0.5
+        be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices.get(), GRAD_PHOTO.get(), photometricStep});
+        if (a.first_order_smoothing)
+            be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices.get(), d_grad_smooth.get(), kBaseStep});
+        else
+            be.launch(WideRun{nv},
+                      Kernel_GradientDescent{nv, d_vertices.get(), d_grad_smooth2.get(), secondOrderStep});
+    }
+};
+
+template <class Backend>
+DeviceStatus meshOptimizationEntry(Backend& be, const MeshOptimizationArgs& a) {
+    if (!argumentsPass(a)) return DeviceStatus::Refused;
+
+    using Clock = std::chrono::steady_clock;
+    const bool profiling = kernelProfileEnabled();
+    const Clock::time_point callStart = Clock::now();
+    printDeviceMemoryReport(be.device(), "Before allocating: device memory aviable: ");
+    long long done = 0;
+    double iterationSeconds = 0.0;
+    {
+        PrintfRing<Backend> ring(be);
+        MeshOptimizationCall<Backend> call(be, a, optimizationSchedule());
+        call.allocate();
+        printDeviceMemoryReport(be.device(), "After allocating: device memory aviable: ");
+
+        call.meanDepthPass();
+        if (profiling) {
+            be.synchronize();
+            clearKernelProfile();
+        }
+        const Clock::time_point iterationStart = Clock::now();
+        // Every iteration issues the same launches with the same arguments:
+        // the fast schedule records the first as a graph where the backend
+        // has graphs, and replays it for the others.
+        IterationReplay<Backend> replay(be, call.fast());
+        for (long long it = 1; it <= a.iterations && !be.failed; ++it) {
+            std::cout << "\rmesh optimizing iteration: " << it << "/" << a.iterations << std::flush;
+            replay.run([&] { call.iteration(); });
+            done = it;
+        }
+        if (profiling) be.synchronize();
+        iterationSeconds = std::chrono::duration<double>(Clock::now() - iterationStart).count();
+
+        ring.show();
+        // The caller's vertices change only when the whole call succeeded.
+        std::vector<float> result(3 * size_t(a.num_v));
+        call.d_vertices.download(result.data());
+        if (!be.failed) std::copy(result.begin(), result.end(), a.vertices);
+        else if (done > 0) std::cout << "\n";
+    }
+    const DeviceStatus status = finishedStatus(be, "Integrated_Mesh_Optimization_CUDA",
+                                               ("stopped after " + std::to_string(done) + " of " +
+                                                std::to_string(a.iterations > 0 ? a.iterations : 0) +
+                                                " iterations; vertices left unchanged")
+                                                   .c_str());
+    std::cout << "\n";
+    printDeviceMemoryReport(be.device(), "After free: device memory aviable: ");
+    std::cout << "\n";
+    std::cout.flush();
+    if (profiling) {
+        const double callSeconds = std::chrono::duration<double>(Clock::now() - callStart).count();
+        static const double bandwidth = be.copyBandwidthGBs();  // once per process and backend
+        printKernelProfile(callSeconds, iterationSeconds, done, bandwidth);
+    }
+    return status;
+}
+
+}  // namespace tessaline

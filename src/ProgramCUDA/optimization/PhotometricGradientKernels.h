@@ -1,0 +1,183 @@
+// Photometric gradient: carries the NCC derivative image g of a camera pair
+// through the target image gradient and the target projection to a motion of
+// the surface along each reference pixel's viewing ray, converts that to a
+// motion along the facet normal, and scatters it to the facet's three
+// vertices with the pixel's barycentric weights. Per vertex, the sum over the
+// pixels of a pair is kept, and each iteration divides by the number of pairs
+// that reached the vertex.
+//
+// The per-vertex sums are fixed point (FixedPointSum.h), so that they do not
+// depend on the order in which pixels add to them; the pixel hits are whole
+// numbers, exact in float in any order.
+#pragma once
+
+#include <cstdint>
+
+#include "CameraGeometry.h"
+#include "DeviceCommon.h"
+#include "FixedPointSum.h"
+#include "TextureSampler.h"
+#include "mycamera.h"
+
+namespace tessaline {
+
+// One pixel's share of GRAD_PHOTO: the facet's three vertices, and for each
+// the fixed-point amounts it adds along the facet normal's three axes.
+struct PixelContribution {
+    int vertex[3];
+    unsigned long long amount[3][3];  // [vertex][axis]
+};
+
+// The contribution of reference pixel (x, y), whose NCC derivative is g, or
+// false when it has none. `k` holds the pair's surface: num_f, facets,
+// facet_normals, width, camera_ref, depth_ref, facet_ref, camera_tar,
+// bary_b_ref, bary_c_ref, mean_depth_ref, mean_depth_tar, to_fixed and
+// target, a fetch of the target image (0..1) at texel coordinates. A pixel
+// whose ray meets the facet at a cosine above `cosineLimit` (compared in
+// double) contributes nothing: back faces and grazing views.
+template <class Pair>
+DEVICE_HOST bool photometricContribution(const Pair& k, int x, int y, float g, double cosineLimit,
+                                         PixelContribution& out) {
+    const int e = y * k.width + x;
+    const float d = k.depth_ref[e];
+    const int f = k.facet_ref[e];
+    const float b = k.bary_b_ref[e];
+    const float c = k.bary_c_ref[e];
+    // A masked pixel always has a facet in the optimisation; the guard
+    // protects the single-step entry point, whose mask comes from the caller.
+    if (f < 0 || f >= k.num_f) return false;
+
+    const float s = (k.mean_depth_ref * k.mean_depth_tar) / (k.camera_ref.fx * k.camera_ref.fy);
+
+    const float N[3] = {k.facet_normals[3 * f], k.facet_normals[3 * f + 1], k.facet_normals[3 * f + 2]};
+
+    float C[3], r[3], X[3];
+    pixelSurfacePointF(k.camera_ref, x, y, d, C, r, X);
+
+    const float n = N[0] * r[0] + N[1] * r[1] + N[2] * r[2];
+    if (double(n) > cosineLimit) return false;
+
+    // The mask says the warp found this point in front of the target, with
+    // the same arithmetic, so pw > 0 here.
+    const float* P = k.camera_tar.P;
+    float px, py, pw;
+    projectF(P, X, px, py, pw);
+    const float u = px / pw, v = py / pw;
+
+    // Jacobian of (px/pw, py/pw) with respect to X.
+    const float pw2 = pw * pw;
+    float J0[3], J1[3];
+    for (int m = 0; m < 3; ++m) {
+        J0[m] = (P[m] * pw - px * P[8 + m]) / pw2;
+        J1[m] = (P[4 + m] * pw - py * P[8 + m]) / pw2;
+    }
+
+    // Central differences of the bilinear target image, one pixel apart, on
+    // the fetch's 0..1 scale.
+    const float gx = k.target(u + 1.0f, v + 0.5f) - k.target(u + 0.0f, v + 0.5f);
+    const float gy = k.target(u + 0.5f, v + 1.0f) - k.target(u + 0.5f, v + 0.0f);
+
+    float G[3];
+    for (int m = 0; m < 3; ++m) G[m] = g * (gx * J0[m] + gy * J1[m]);
+
+    // Motion along the ray per unit motion along the normal.
+    const float D = (G[0] * r[0] + G[1] * r[1] + G[2] * r[2]) / n;
+
+    const float weight[3] = {1.0f - b - c, b, c};
+    for (int m = 0; m < 3; ++m) {
+        out.vertex[m] = k.facets[3 * f + m];
+        const float a = (s * weight[m]) * D;
+        for (int q = 0; q < 3; ++q) out.amount[m][q] = toFixedPoint(a * N[q], k.to_fixed);
+    }
+    return true;
+}
+
+// The gradient accumulation of one ordered pair, per reference pixel, from
+// the pair's NCC derivative image and mask: every contributing pixel adds
+// its amounts and a hit to each of its three vertices.
+template <class Fetch, int CosineLimitHundredths>
+struct PhotometricGradient {
+    static constexpr int kFloorBytesPerElement = 1;  // the mask read
+    int num_f;
+    const int* facets;
+    const float* facet_normals;
+    int width;
+    int height;
+    mycamera_cuda camera_ref;
+    const float* depth_ref;
+    const int* facet_ref;
+    mycamera_cuda camera_tar;
+    const float* bary_b_ref;
+    const float* bary_c_ref;
+    const float* ncc_grad;
+    const uint8_t* visible_mask;
+    float mean_depth_ref;
+    float mean_depth_tar;
+    unsigned long long* grad_photo_sum;  // GRAD_PHOTO before normalisation, fixed point
+    float to_fixed;
+    float* vt_pair_hits;
+    Fetch target;
+
+    DEVICE_HOST void operator()(int x, int y) const {
+        if (x < 0 || y < 0 || x >= width || y >= height) return;
+        const int e = y * width + x;
+        if (visible_mask[e] != 1) return;
+        PixelContribution p;
+        if (!photometricContribution(*this, x, y, ncc_grad[e], double(CosineLimitHundredths) / 100.0, p)) return;
+        for (int m = 0; m < 3; ++m)
+            for (int q = 0; q < 3; ++q) atomicAddU64(grad_photo_sum + 3 * p.vertex[m] + q, p.amount[m][q]);
+        for (int m = 0; m < 3; ++m) atomicAddFloat(vt_pair_hits + p.vertex[m], 1.0f);
+    }
+};
+
+// The cosine limit of the optimisation's gradient.
+constexpr double kIntegratedCosineLimit = -0.1;
+
+// The gradient of one ordered pair of the image stack (the target is its
+// layer): pixels with a cosine above -0.1 end.
+struct Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA : PhotometricGradient<StackLayerFetch, -10> {};
+
+// The gradient of one pair whose target image is bound on its own: more
+// grazing pixels contribute, up to a cosine of -0.01.
+struct Kernel_AddPhotometricGradient_ImagePair_CUDA : PhotometricGradient<ImageFetch, -1> {};
+
+// Counts, per vertex, the pairs that reached it: once per pair, however many
+// pixels did.
+struct Kernel_Update_Vt_Image_Pair_Count {
+    static constexpr int kFloorBytesPerElement = 4;  // the pair hits read
+    int num_v;
+    float* vt_pair_count;
+    const float* vt_pair_hits;
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id < 0 || id >= num_v) return;
+        if (vt_pair_hits[id] > 0.0f) vt_pair_count[id] = vt_pair_count[id] + 1.0f;
+    }
+};
+
+// Sum over pixels within a pair, mean over pairs; a vertex no pair reached
+// gets exactly zero and update mask 0. The sums arrive in fixed point and
+// leave GRAD_PHOTO as floats.
+struct Kernel_Normalize_GRAD_PHOTO {
+    static constexpr int kFloorBytesPerElement = 41;  // pair count and sums read, gradient and update mask written
+    int num_v;
+    float* grad_photo;
+    const float* vt_pair_count;
+    uint8_t* vt_update_mask;
+    const unsigned long long* grad_photo_sum;
+    float to_float;
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id < 0 || id >= num_v) return;
+        const float n = vt_pair_count[id];
+        if (n >= 1.0f) {
+            for (int k = 0; k < 3; ++k) grad_photo[3 * id + k] = fromFixedPoint(grad_photo_sum[3 * id + k], to_float) / n;
+            vt_update_mask[id] = 1;
+        } else {
+            for (int k = 0; k < 3; ++k) grad_photo[3 * id + k] = 0.0f;
+            vt_update_mask[id] = 0;
+        }
+    }
+};
+
+}  // namespace tessaline

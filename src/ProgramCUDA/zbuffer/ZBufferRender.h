@@ -1,0 +1,90 @@
+// The z-buffer's launches, and its entry point: upload, render, read back.
+#pragma once
+
+#include <algorithm>
+#include <vector>
+
+#include "LaunchGeometry.h"
+#include "backend/DeviceMemory.h"
+#include "backend/EntryPoint.h"
+#include "printf/PrintfBracket.h"
+#include "zbuffer/ZBufferKernels.h"
+
+namespace tessaline {
+
+// The render of one camera into device buffers whose depth keys already
+// hold what the render starts from: the first pass takes the minimum of the
+// keys, the second writes depth, facet and weights where a facet won. Each
+// facet's columns are shared among `lanes` threads (1: a thread per facet).
+template <class Backend>
+void renderDepthKeys(Backend& be, const float* d_vertices, int num_f, const int* d_facets,
+                     const mycamera_cuda& camera, int BU, int BV, int LU, int LV, unsigned long long* d_keys,
+                     float* d_depth, int* d_facet, float* d_bary_b, float* d_bary_c, int lanes = 1) {
+    const int threads = num_f * lanes;
+    be.launch(WideRun{threads}, Kernel_TriMesh_Image_ZBuffering_CUDA{d_vertices, num_f, d_facets, camera, BU, BV, LU,
+                                                                     LV, d_keys, lanes});
+    be.launch(WideRun{threads}, Kernel_TriMesh_Image_ZBuffering_Store{d_vertices, num_f, d_facets, camera, BU, BV,
+                                                                      LU, LV, d_keys, d_depth, d_facet, d_bary_b,
+                                                                      d_bary_c, lanes});
+}
+
+inline bool argumentsPass(const ZBufferArgs& a) {
+    ArgumentCheck check("TriMesh_Image_ZBuffering_CUDA");
+    check.count(a.num_v, "negative vertex count");
+    check.count(a.num_f, "negative facet count");
+    check.count(a.LU, "negative area width");
+    check.count(a.LV, "negative area height");
+    check.require(tripleFitsIntIndex(a.num_v) && tripleFitsIntIndex(a.num_f), "mesh too large");
+    check.require(imageFitsIntIndex(a.LU, a.LV), "area too large");
+    if (check.problem) return check.passed();
+    const long long pixels = (long long)a.LU * a.LV;
+    check.array(a.vertices, a.num_v, "vertices missing");
+    check.array(a.facets, a.num_f, "facets missing");
+    check.array(a.depth_image, pixels, "depth_image missing");
+    check.array(a.facet_image, pixels, "facet_image missing");
+    check.array(a.bary_b_image, pixels, "bary_b_image missing");
+    check.array(a.bary_c_image, pixels, "bary_c_image missing");
+    for (long long i = 0; i < 3LL * a.num_f && !check.problem; ++i)
+        check.require(a.facets[i] >= 0 && a.facets[i] < a.num_v, "facet with a vertex index out of range");
+    return check.passed();
+}
+
+template <class Backend>
+DeviceStatus zbufferEntry(Backend& be, const ZBufferArgs& a) {
+    if (!argumentsPass(a)) return DeviceStatus::Refused;
+    const size_t pixels = size_t(a.LU) * size_t(a.LV);
+    PrintfRing<Backend> ring(be);
+    DeviceBuffer<float, Backend> vertices(be, a.vertices, 3 * size_t(a.num_v));
+    DeviceBuffer<int, Backend> facets(be, a.facets, 3 * size_t(a.num_f));
+    // All four images go up as they came, so that a pixel no facet wins
+    // comes back exactly as the caller left it.
+    DeviceBuffer<float, Backend> depth(be, a.depth_image, pixels);
+    DeviceBuffer<int, Backend> facet(be, a.facet_image, pixels);
+    DeviceBuffer<float, Backend> baryB(be, a.bary_b_image, pixels);
+    DeviceBuffer<float, Backend> baryC(be, a.bary_c_image, pixels);
+    DeviceBuffer<unsigned long long, Backend> keys(be, pixels);
+    const int n = int(pixels);
+    be.launch(WideRun{n}, Kernel_Init_DepthKeys{n, depth.get(), keys.get()});
+    renderDepthKeys(be, vertices.get(), a.num_f, facets.get(), a.camera, a.BU, a.BV, a.LU, a.LV, keys.get(),
+                    depth.get(), facet.get(), baryB.get(), baryC.get());
+    ring.show();
+    if (!be.failed) {
+        // Read back into a copy first: the caller's images change only when
+        // the whole render arrived.
+        std::vector<float> depthOut(pixels), bOut(pixels), cOut(pixels);
+        std::vector<int> facetOut(pixels);
+        depth.download(depthOut.data());
+        facet.download(facetOut.data());
+        baryB.download(bOut.data());
+        baryC.download(cOut.data());
+        if (!be.failed) {
+            std::copy(depthOut.begin(), depthOut.end(), a.depth_image);
+            std::copy(facetOut.begin(), facetOut.end(), a.facet_image);
+            std::copy(bOut.begin(), bOut.end(), a.bary_b_image);
+            std::copy(cOut.begin(), cOut.end(), a.bary_c_image);
+        }
+    }
+    return finishedStatus(be, "TriMesh_Image_ZBuffering_CUDA", "the images are left as they were");
+}
+
+}  // namespace tessaline

@@ -1,0 +1,137 @@
+// The four companion programs parse their command lines alike: --help prints
+// the usage and exits 0; a missing argument, an unknown option or a value
+// that is not a number is refused with one "Error: " line, the usage hint and
+// exit status 2; a failure while running prints its "Error: " line and exits
+// 1. Nothing is written in any of these cases.
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Args = std::vector<std::string>;
+
+// Paths in a program's command lines start with "@/", which stands for the
+// test's empty working folder.
+struct Program {
+    std::string name;
+    std::string binary;
+    Args help;                  // asks for the usage
+    std::string helpMark;       // a word of that usage
+    Args missing;               // a required argument left out
+    std::string missingName;    // its name in the refusal
+    Args complete;              // parses; an unknown option is added to it
+    Args notANumber;            // a numeric option given a word
+    std::string numericOption;  // that option
+    Args failing;               // parses but cannot run
+    std::string failure;        // the start of the failure's error message
+};
+
+void PrintTo(const Program& p, std::ostream* os) { *os << p.name; }
+
+std::vector<Program> programs() {
+    return {
+        {"tessaline_synth", SYNTH_BINARY, {"--help"}, "--supersample", {}, "OUT_DIR",
+         {"@/scene"}, {"@/scene", "--views", "many"}, "--views",
+         {"/dev/null/scene", "--views", "2", "--width", "64", "--height", "64", "--truth-level", "1"},
+         "cannot create the folder /dev/null/scene"},
+        {"tessaline_compare", COMPARE_BINARY, {"--help"}, "--samples", {"@/reference.ply"}, "TEST",
+         {"@/reference.ply", "@/test.ply"}, {"@/reference.ply", "@/test.ply", "--samples", "many"}, "--samples",
+         {"@/reference.ply", "@/test.ply"}, "cannot read the reference mesh @/reference.ply"},
+        {"tessaline_planesweep", PLANESWEEP_BINARY, {"--help"}, "--min-score", {"@/scene.sfm", "0"}, "out_prefix",
+         {"@/scene.sfm", "0", "@/sweep"}, {"@/scene.sfm", "0", "@/sweep", "--planes", "many"}, "--planes",
+         {"@/scene.sfm", "0", "@/sweep"}, "the scene @/scene.sfm could not be loaded"},
+        {"tessaline_tools", TOOLS_BINARY, {"render", "--help"}, "--compare", {"import", "@/model", "@/images"}, "MESH",
+         {"import", "@/model", "@/images", "@/mesh.ply", "@/out"},
+         {"import", "@/model", "@/images", "@/mesh.ply", "@/out", "--neighbours", "many"}, "--neighbours",
+         {"import", "@/model", "@/images", "@/mesh.ply", "@/out"}, "the model folder @/model"},
+    };
+}
+
+std::string withFolder(std::string s, const fs::path& folder) {
+    for (size_t at = s.find("@/"); at != std::string::npos; at = s.find("@/", at + 1))
+        s.replace(at, 1, folder.string());
+    return s;
+}
+
+class SharedCommandLine : public testing::TestWithParam<Program> {
+   protected:
+    fs::path folder;
+
+    void SetUp() override {
+        char name[] = "/tmp/tessaline_commandline_XXXXXX";
+        ASSERT_NE(mkdtemp(name), nullptr);
+        folder = name;
+    }
+    void TearDown() override { fs::remove_all(folder); }
+
+    // Runs the program from the test's folder; returns its exit status and
+    // what it printed on either stream, with the folder written back as "@".
+    int run(const Args& args, std::string& output) {
+        std::string command = "cd '" + folder.string() + "' && '" + GetParam().binary + "'";
+        for (const std::string& a : args) command += " '" + withFolder(a, folder) + "'";
+        const fs::path log = folder.parent_path() / (folder.filename().string() + ".log");
+        command += " > '" + log.string() + "' 2>&1";
+        const int status = std::system(command.c_str());
+        std::ifstream in(log);
+        output.assign(std::istreambuf_iterator<char>(in), {});
+        fs::remove(log);
+        for (size_t at = output.find(folder.string()); at != std::string::npos;
+             at = output.find(folder.string(), at + 1))
+            output.replace(at, folder.string().size(), "@");
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+
+    bool folderEmpty() const { return fs::is_empty(folder); }
+};
+
+TEST_P(SharedCommandLine, HelpRefusalsAndFailuresExitAlike) {
+    const Program& p = GetParam();
+    std::string out;
+
+    EXPECT_EQ(run(p.help, out), 0) << out;
+    EXPECT_NE(out.find("Usage:"), std::string::npos) << out;
+    EXPECT_NE(out.find(p.helpMark), std::string::npos) << out;
+    EXPECT_EQ(out.find("Error"), std::string::npos) << out;
+
+    Args unknown = p.complete;
+    unknown.push_back("--no-such-option");
+    const std::vector<std::pair<Args, std::string>> refused = {  // command line, word of the reason
+        {p.missing, p.missingName}, {unknown, "--no-such-option"}, {p.notANumber, p.numericOption}};
+    for (const auto& [args, word] : refused) {
+        SCOPED_TRACE(word);
+        EXPECT_EQ(run(args, out), 2) << out;
+        // Exactly two lines: the reason and the hint.
+        std::istringstream lines(out);
+        std::string reason, hint, more;
+        std::getline(lines, reason), std::getline(lines, hint);
+        EXPECT_EQ(reason.rfind("Error: ", 0), 0u) << out;
+        EXPECT_NE(reason.find(word), std::string::npos) << out;
+        EXPECT_EQ(hint, "Run with --help for the usage.") << out;
+        EXPECT_FALSE(std::getline(lines, more)) << out;
+        EXPECT_TRUE(folderEmpty());
+    }
+
+    EXPECT_EQ(run(p.failing, out), 1) << out;
+    // Programs may report progress first; the error line is the last line.
+    const size_t error = out.find("Error: " + p.failure);
+    EXPECT_NE(error, std::string::npos) << out;
+    EXPECT_EQ(out.find('\n', error), out.size() - 1) << out;
+    EXPECT_EQ(out.find("Run with --help"), std::string::npos) << out;
+    EXPECT_TRUE(folderEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Programs, SharedCommandLine, testing::ValuesIn(programs()),
+                         [](const testing::TestParamInfo<Program>& info) { return info.param.name; });
+
+}  // namespace
