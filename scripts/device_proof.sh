@@ -237,6 +237,10 @@ distances() {
 
 stage_tests() {
   local t rc cuda
+  # The end-to-end tests find the temple and the tool where the bundle has
+  # them, not where the build here put them.
+  export TESSALINE_TEMPLE_DIR=$unpacked/data/templeSparseRing
+  export TESSALINE_REFINE=$bin/src/driver/tessaline_refine
   for t in device_tests mesh_tests driver_tests endtoend_tests; do
     if [ ! -x "$bin/tests/$t" ]; then
       fail "$t: missing from the bundle"

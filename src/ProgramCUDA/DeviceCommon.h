@@ -13,8 +13,12 @@
 
 #if defined(__CUDACC__)
 #define DEVICE_HOST __host__ __device__ inline
+#define DEVICE_HOST_HOT __host__ __device__ __forceinline__
 #else
 #define DEVICE_HOST inline
+// For the small functions of the innermost loops, which the compiler would
+// otherwise leave as calls.
+#define DEVICE_HOST_HOT inline __attribute__((always_inline))
 #endif
 
 namespace tessaline {
@@ -99,15 +103,17 @@ DEVICE_HOST int atomicLoadInt(const int* cell) {
 #endif
 }
 
-// Indivisible 64-bit unsigned minimum.
-DEVICE_HOST void atomicMinU64(unsigned long long* cell, unsigned long long value) {
+// Indivisible 64-bit unsigned minimum; true when value was not above what
+// the cell held.
+DEVICE_HOST bool atomicMinU64(unsigned long long* cell, unsigned long long value) {
 #if defined(__CUDA_ARCH__)
-    atomicMin(cell, value);
+    return value <= atomicMin(cell, value);
 #else
     unsigned long long old = __atomic_load_n(cell, __ATOMIC_RELAXED);
     while (value < old &&
            !__atomic_compare_exchange_n(cell, &old, value, true, __ATOMIC_RELAXED, __ATOMIC_RELAXED)) {
     }
+    return value <= old;
 #endif
 }
 

@@ -3,6 +3,7 @@
 // rule the texture unit follows, so both return the same float.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -28,7 +29,7 @@ namespace tessaline {
 //   - S = sum of texel times weight (bytes times 1/256), and the result is the
 //     16-bit normalised value round(S 257 / 256) / 65535, as float.
 // At a texel centre this is exactly byte / 255.
-DEVICE_HOST int textureWeight256(float coordinate, int& first) {
+DEVICE_HOST_HOT int textureWeight256(float coordinate, int& first) {
     const float floorValue = floorf(coordinate);
     const float scaled = (coordinate - floorValue) * 256.0f;  // exact: a power-of-two scale of [0, 1)
     int a = int(scaled);
@@ -41,7 +42,22 @@ DEVICE_HOST int textureWeight256(float coordinate, int& first) {
     return a;
 }
 
-DEVICE_HOST float sampleBilinearU8(const uint8_t* data, int width, int height, size_t pitch, float x, float y) {
+#if !defined(__CUDA_ARCH__)
+// The 65,536 quotients v / 65535 as float (backend/TextureTable.cpp).
+extern const std::array<float, 65536> kNormalized16;
+#endif
+
+// value16 / 65535 as float, correctly rounded. On the CPU from a table of
+// the quotients: a division costs more than the rest of a fetch.
+DEVICE_HOST_HOT float normalized16(int value16) {
+#if defined(__CUDA_ARCH__)
+    return float(value16) / 65535.0f;
+#else
+    return kNormalized16[value16];
+#endif
+}
+
+DEVICE_HOST_HOT float sampleBilinearU8(const uint8_t* data, int width, int height, size_t pitch, float x, float y) {
     float xb = x - 0.5f;
     float yb = y - 0.5f;
     // Far outside the image every texel clamps to the edge; keeping the
@@ -63,7 +79,7 @@ DEVICE_HOST float sampleBilinearU8(const uint8_t* data, int width, int height, s
     const uint8_t* row1 = data + size_t(y1) * pitch;
     const int S = row0[x0] * w00 + row0[x1] * w10 + row1[x0] * w01 + row1[x1] * w11;
     const int value16 = (S * 257 + 128) >> 8;
-    return float(value16) / 65535.0f;
+    return normalized16(value16);
 }
 
 // What a kernel holds of a layered stack of 8-bit images behind a
@@ -88,7 +104,7 @@ struct Texture2D {
     size_t pitch = 0;
 };
 
-DEVICE_HOST float fetchLayered(const LayeredTexture& tex, float x, float y, int layer) {
+DEVICE_HOST_HOT float fetchLayered(const LayeredTexture& tex, float x, float y, int layer) {
 #if defined(__CUDA_ARCH__)
     return tex2DLayered<float>(static_cast<cudaTextureObject_t>(tex.object), x, y, layer);
 #else
@@ -98,7 +114,7 @@ DEVICE_HOST float fetchLayered(const LayeredTexture& tex, float x, float y, int 
 #endif
 }
 
-DEVICE_HOST float fetch2D(const Texture2D& tex, float x, float y) {
+DEVICE_HOST_HOT float fetch2D(const Texture2D& tex, float x, float y) {
 #if defined(__CUDA_ARCH__)
     return tex2D<float>(static_cast<cudaTextureObject_t>(tex.object), x, y);
 #else
@@ -110,13 +126,13 @@ DEVICE_HOST float fetch2D(const Texture2D& tex, float x, float y) {
 struct StackLayerFetch {
     LayeredTexture tex;
     int layer;
-    DEVICE_HOST float operator()(float x, float y) const { return fetchLayered(tex, x, y, layer); }
+    DEVICE_HOST_HOT float operator()(float x, float y) const { return fetchLayered(tex, x, y, layer); }
 };
 
 // Sampling of one image bound on its own.
 struct ImageFetch {
     Texture2D tex;
-    DEVICE_HOST float operator()(float x, float y) const { return fetch2D(tex, x, y); }
+    DEVICE_HOST_HOT float operator()(float x, float y) const { return fetch2D(tex, x, y); }
 };
 
 }  // namespace tessaline

@@ -21,23 +21,7 @@ std::vector<float> optimise(const DeviceHandle& device, const PlaneScene& s, con
                             int iterations, bool firstOrder, std::string* output = nullptr,
                             DeviceStatus* status = nullptr, int width = W) {
     std::vector<float> v = s.mesh.vertices;
-    MeshOptimizationArgs args;
-    args.num_v = s.mesh.numV();
-    args.vertices = v.data();
-    args.num_f = s.mesh.numF();
-    args.facets = s.mesh.facets.data();
-    args.num_valence_entries = int(s.rings.list.size());
-    args.valence_list = s.rings.list.data();
-    args.valence_counts = s.rings.counts.data();
-    args.valence_offsets = s.rings.offsets.data();
-    args.num_cameras = int(s.cameras.size());
-    args.width = width;
-    args.height = H;
-    args.cameras = s.cameras.data();
-    args.images = s.images.data();
-    args.iterations = iterations;
-    args.pair_mask = pairs.data();
-    args.first_order_smoothing = firstOrder;
+    const MeshOptimizationArgs args = tessaline::test::optimizationArgs(s, v, pairs, iterations, firstOrder, width);
     DeviceStatus returned = DeviceStatus::Failed;
     const std::string out =
         tessaline::test::printedBy([&] { returned = Integrated_Mesh_Optimization_CUDA(device, args); });

@@ -124,4 +124,28 @@ struct PlaneScene {
     }
 };
 
+// The optimisation of scene `s` on `vertices` (the mesh's, or a copy).
+inline MeshOptimizationArgs optimizationArgs(const PlaneScene& s, std::vector<float>& vertices,
+                                             const std::vector<uint8_t>& pairs, int iterations, bool firstOrder,
+                                             int width = PlaneScene::W) {
+    MeshOptimizationArgs args;
+    args.num_v = s.mesh.numV();
+    args.vertices = vertices.data();
+    args.num_f = s.mesh.numF();
+    args.facets = s.mesh.facets.data();
+    args.num_valence_entries = int(s.rings.list.size());
+    args.valence_list = s.rings.list.data();
+    args.valence_counts = s.rings.counts.data();
+    args.valence_offsets = s.rings.offsets.data();
+    args.num_cameras = int(s.cameras.size());
+    args.width = width;
+    args.height = PlaneScene::H;
+    args.cameras = s.cameras.data();
+    args.images = s.images.data();
+    args.iterations = iterations;
+    args.pair_mask = pairs.data();
+    args.first_order_smoothing = firstOrder;
+    return args;
+}
+
 }  // namespace tessaline::test

@@ -19,6 +19,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <vector>
+#include <type_traits>
+#include <utility>
 
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
@@ -31,18 +35,63 @@
 
 namespace tessaline {
 
+// A kernel may come with a CPU routine for whole rows of its grid,
+// `cpuRows(kernel, y0, y1)`, declared beside it; the CPU backend then runs
+// rows instead of single cells. Such a routine must leave exactly what the
+// per-cell body leaves.
+template <class F, class = void>
+struct HasCpuRows : std::false_type {};
+template <class F>
+struct HasCpuRows<F, std::void_t<decltype(cpuRows(std::declval<const F&>(), 0, 0))>> : std::true_type {};
+
+// Launches of fewer elements than this run on the calling thread: waking
+// the workers costs more than such a launch. A kernel whose elements are
+// dear (a whole facet each) sets a smaller kCpuParallelMinimum.
+template <class F, class = void>
+struct CpuParallelMinimum {
+    static constexpr long long value = 4096;
+};
+template <class F>
+struct CpuParallelMinimum<F, std::void_t<decltype(F::kCpuParallelMinimum)>> {
+    static constexpr long long value = F::kCpuParallelMinimum;
+};
+
 class CpuBackend {
    public:
     static constexpr bool isCuda = false;
     static constexpr bool kHasGraphs = false;
     static constexpr int kZBufferLanes = 1;  // a thread per facet: the CPU's threads are few
-    // Launches smaller than this run on the calling thread: waking the
-    // workers costs more than such a launch.
-    static constexpr long long kParallelMinimum = 4096;
     bool failed = false;
 
-    explicit CpuBackend(const DeviceHandle& device = cpuDevice()) : device_(device) {}
+    explicit CpuBackend(const DeviceHandle& device = cpuDevice(), bool serial = false)
+        : device_(device), serial_(serial) {}
     const DeviceHandle& device() const { return device_; }
+
+    // ---- Tasks: independent sequences of launches that may run at the
+    // same time, each on one thread with launches of its own (a serial
+    // backend), in a slot of work memory that no other running task uses.
+    // How many slots the tasks need at most.
+    int taskSlots() const { return serial_ ? 1 : cpuThreadCount(); }
+
+    // task(run, slot, index) for index 0..n-1.
+    template <class Task>
+    void runTasks(int n, const Task& task) {
+        if (failed) return;
+        if (n <= 1 || taskSlots() == 1) {
+            for (int i = 0; i < n && !failed; ++i) task(*this, 0, i);
+            return;
+        }
+        SlotPool pool(taskSlots());
+        tbb::parallel_for(tbb::blocked_range<int>(0, n, 1), [&](const tbb::blocked_range<int>& r) {
+            for (int i = r.begin(); i < r.end(); ++i) {
+                const int slot = pool.take();
+                CpuBackend run(device_, true);
+                task(run, slot, i);
+                pool.give(slot);
+                if (run.failed) failed = true;
+            }
+        });
+    }
 
     // ---- Memory: 256-byte aligned, as device allocations are.
     void* allocateBytes(size_t bytes) {
@@ -113,12 +162,14 @@ class CpuBackend {
     void launch(ElementRun<Block> run, const F& f) {
         if (failed) return;
         const long long total = (long long)gridBlocks(run.n, Block) * Block;
+        constexpr long long minimum = CpuParallelMinimum<F>::value;
         timed<F>(run.n, [&] {
             const auto body = [&](long long begin, long long end) {
-                for (long long id = begin; id < end; ++id) f(int(id));
+                const F local = f;  // as below, for the compiler's sake
+                for (long long id = begin; id < end; ++id) local(int(id));
             };
-            if (total < kParallelMinimum || cpuThreadCount() == 1) return body(0, total);
-            tbb::parallel_for(tbb::blocked_range<long long>(0, total, kParallelMinimum / 4),
+            if (total < minimum || cpuThreadCount() == 1 || serial_) return body(0, total);
+            tbb::parallel_for(tbb::blocked_range<long long>(0, total, minimum / 4 > 0 ? minimum / 4 : 1),
                               [&](const tbb::blocked_range<long long>& r) { body(r.begin(), r.end()); });
         });
     }
@@ -131,10 +182,20 @@ class CpuBackend {
         const int spanY = int(gridBlocks(grid.height, BY)) * BY;
         timed<F>(double(grid.width) * grid.height, [&] {
             const auto body = [&](int begin, int end) {
-                for (int y = begin; y < end; ++y)
-                    for (int x = 0; x < spanX; ++x) f(x, y);
+                // A copy of the kernel record on this thread's stack: its
+                // fields then cannot change under the kernel's own stores,
+                // so the compiler keeps what depends only on them out of
+                // the loops.
+                const F local = f;
+                if constexpr (HasCpuRows<F>::value) {
+                    cpuRows(local, begin, end);
+                } else {
+                    for (int y = begin; y < end; ++y)
+                        for (int x = 0; x < spanX; ++x) local(x, y);
+                }
             };
-            if ((long long)spanX * spanY < kParallelMinimum || cpuThreadCount() == 1) return body(0, spanY);
+            if ((long long)spanX * spanY < CpuParallelMinimum<F>::value || cpuThreadCount() == 1 || serial_)
+                return body(0, spanY);
             tbb::parallel_for(tbb::blocked_range<int>(0, spanY, 2),
                               [&](const tbb::blocked_range<int>& r) { body(r.begin(), r.end()); });
         });
@@ -166,6 +227,29 @@ class CpuBackend {
 
    private:
     DeviceHandle device_;
+    bool serial_;  // every launch runs on the calling thread
+
+    // The slots free for tasks to take.
+    class SlotPool {
+       public:
+        explicit SlotPool(int slots) {
+            for (int s = slots - 1; s >= 0; --s) free_.push_back(s);
+        }
+        int take() {
+            std::lock_guard<std::mutex> lock(mutex_);
+            const int s = free_.back();
+            free_.pop_back();
+            return s;
+        }
+        void give(int s) {
+            std::lock_guard<std::mutex> lock(mutex_);
+            free_.push_back(s);
+        }
+
+       private:
+        std::mutex mutex_;
+        std::vector<int> free_;
+    };
 
     // Runs one launch's loop, timed when profiling is on.
     template <class F, class Loop>

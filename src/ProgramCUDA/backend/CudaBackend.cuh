@@ -195,6 +195,16 @@ class CudaBackend {
         tex = Texture2D();
     }
 
+    // ---- Tasks: independent sequences of launches. On the device they run
+    // one after the other in stream order, in one slot of work memory; the
+    // launches of each are wide enough to fill the device.
+    int taskSlots() const { return 1; }
+
+    template <class Task>
+    void runTasks(int n, const Task& task) {
+        for (int i = 0; i < n && !failed; ++i) task(*this, 0, i);
+    }
+
     // ---- Launches.
     template <int Block, class F>
     void launch(ElementRun<Block> run, const F& f) {

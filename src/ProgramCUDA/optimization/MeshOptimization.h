@@ -137,14 +137,24 @@ struct MeshOptimizationCall {
     std::vector<Buffer<int>> d_facet_id;
     Buffer<unsigned long long> d_depth_keys;  // the render's (depth, facet) keys, one camera at a time
 
-    // Work images shared by all pairs: the chain's (reference schedule), or
-    // the window statistics and the pair stamps (fast schedule).
+    // Work images shared by all pairs (reference schedule).
     Buffer<float> d_warped;
     NccWorkBuffers<Backend> nccBuffers;
     NccWorkImages ncc;
-    Buffer<uint8_t> d_mask;
-    Buffer<float> d_term_r, d_term_b, d_term_c, d_texture;
-    Buffer<int> d_pair_stamp;
+
+    // Fast schedule: the work images of the pairs that run at one time, a
+    // set per slot (one on a device, one per worker thread on the CPU).
+    struct PairSlot {
+        Buffer<float> surface;  // the reference camera's rays and surface points, 6 floats a pixel
+        Buffer<float> warped;
+        Buffer<uint8_t> mask;
+        Buffer<float> termR, termB, termC, termM, texture;
+        Buffer<int> pairStamp;  // per vertex: the slot's last pair that reached it
+        int pairsDone = 0;      // pairs of the iteration run in this slot
+    };
+    std::vector<PairSlot> slots;
+    Buffer<float> d_projected;     // the vertices as the camera of a render sees them, 3 floats a vertex
+    Buffer<uint8_t> d_candidates;  // per facet: may win a pixel of the render
 
     std::vector<float> mean_depth;
 
@@ -188,15 +198,23 @@ struct MeshOptimizationCall {
         }
         if (cams > 0) {
             d_depth_keys = Buffer<unsigned long long>(be, px);
-            d_warped = Buffer<float>(be, px);
             if (fast()) {
-                d_mask = Buffer<uint8_t>(be, px);
-                d_term_r = Buffer<float>(be, px);
-                d_term_b = Buffer<float>(be, px);
-                d_term_c = Buffer<float>(be, px);
-                d_texture = Buffer<float>(be, px);
-                d_pair_stamp = Buffer<int>(be, nv);
+                slots.resize(size_t(std::min(be.taskSlots(), cams)));
+                for (PairSlot& slot : slots) {
+                    slot.surface = Buffer<float>(be, 6 * px);
+                    slot.warped = Buffer<float>(be, px);
+                    slot.mask = Buffer<uint8_t>(be, px);
+                    slot.termR = Buffer<float>(be, px);
+                    slot.termB = Buffer<float>(be, px);
+                    slot.termC = Buffer<float>(be, px);
+                    slot.termM = Buffer<float>(be, px);
+                    slot.texture = Buffer<float>(be, px);
+                    slot.pairStamp = Buffer<int>(be, nv);
+                }
+                d_projected = Buffer<float>(be, 3 * nv);
+                d_candidates = Buffer<uint8_t>(be, nf);
             } else {
+                d_warped = Buffer<float>(be, px);
                 nccBuffers = NccWorkBuffers<Backend>(be, px, true);
                 ncc = nccBuffers.images();
             }
@@ -212,9 +230,21 @@ struct MeshOptimizationCall {
         fillFloat(pixelCount, d_zbuffer[c].get(), kDepthClear);
         be.launch(WideRun{pixelCount}, Kernel_Set_IntArray{pixelCount, d_facet_id[c].get(), -1});
         be.launch(WideRun{pixelCount}, Kernel_Clear_DepthKeys{pixelCount, d_depth_keys.get()});
-        renderDepthKeys(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], 0, 0, a.width, a.height,
-                        d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
-                        d_bary_c[c].get(), fast() ? Backend::kZBufferLanes : 1);
+        if (!fast()) {
+            renderDepthKeys(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], 0, 0, a.width, a.height,
+                            d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
+                            d_bary_c[c].get());
+            return;
+        }
+        be.launch(WideRun{a.num_v}, Kernel_Project_Vertices{a.num_v, d_vertices.get(), a.cameras[c], d_projected.get()});
+        if constexpr (Backend::isCuda)
+            renderDepthKeys(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], 0, 0, a.width, a.height,
+                            d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
+                            d_bary_c[c].get(), Backend::kZBufferLanes, d_projected.get(), d_candidates.get());
+        else
+            renderInBands(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], a.width, a.height,
+                          d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
+                          d_bary_c[c].get(), d_projected.get(), 4 * be.taskSlots());
     }
 
     // Mean depth of each camera's covered pixels in the mesh as it arrived.
@@ -274,47 +304,61 @@ struct MeshOptimizationCall {
                   Kernel_Update_Vt_Image_Pair_Count{a.num_v, d_vt_pair_count.get(), d_vt_pair_hits.get()});
     }
 
-    // The same pair in three launches: warp, window statistics, and the
+    // The pairs with camera i as reference, in the fast schedule, on the
+    // backend `run` (the call's own, or the serial backend of a CPU task) and
+    // the work images of `slot`: the rays and surface points of camera i
+    // once, then three launches a pair: warp, window statistics, and the
     // gradient with its accumulation.
-    void fusedPairChain(int i, int j, int pairNumber) {
-        const mycamera_cuda& ci = a.cameras[i];
-        const mycamera_cuda& cj = a.cameras[j];
+    template <class Run>
+    void fusedPairsOf(Run& run, PairSlot& slot, int i) {
         const int w = a.width, h = a.height;
-        const StackLayerFetch target{d_img_stack.view(), j};
-        be.launch(ImageGrid{w, h}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
-                                       {ci, d_zbuffer[i].get(), d_facet_id[i].get(), cj, d_zbuffer[j].get(), w, h,
-                                        d_warped.get(), target}});
-        be.launch(ImageGrid{w, h}, Kernel_Ncc_WindowStatistics{w, h, d_imgs[i].get(), d_warped.get(), d_mask.get(),
-                                                               d_term_r.get(), d_term_b.get(), d_term_c.get(),
-                                                               d_texture.get(), kOptimizationHalfWindow});
-        be.launch(ImageGrid{w, h},
-                  Kernel_Accumulate_PairGradient{a.num_f,
-                                                 d_facets.get(),
-                                                 d_facet_normals.get(),
-                                                 w,
-                                                 h,
-                                                 ci,
-                                                 d_zbuffer[i].get(),
-                                                 d_facet_id[i].get(),
-                                                 cj,
-                                                 d_bary_b[i].get(),
-                                                 d_bary_c[i].get(),
-                                                 mean_depth[i],
-                                                 mean_depth[j],
-                                                 gradScale.toFixed,
-                                                 target,
-                                                 d_imgs[i].get(),
-                                                 d_warped.get(),
-                                                 d_mask.get(),
-                                                 d_term_r.get(),
-                                                 d_term_b.get(),
-                                                 d_term_c.get(),
-                                                 d_texture.get(),
-                                                 kOptimizationHalfWindow,
-                                                 d_grad_photo_sum.get(),
-                                                 d_pair_stamp.get(),
-                                                 pairNumber,
-                                                 d_vt_pair_count.get()});
+        const mycamera_cuda& ci = a.cameras[i];
+        bool surfaceReady = false;
+        for (int j = 0; j < cameraCount(); ++j) {
+            if (!isPair(i, j)) continue;
+            if (!surfaceReady)
+                run.launch(ImageGrid{w, h}, Kernel_Surface_Points{ci, d_zbuffer[i].get(), d_facet_id[i].get(), w, h,
+                                                                  slot.surface.get()});
+            surfaceReady = true;
+            const mycamera_cuda& cj = a.cameras[j];
+            const StackLayerFetch target{d_img_stack.view(), j};
+            run.launch(ImageGrid{w, h}, Kernel_Warp_SurfacePoints{d_facet_id[i].get(), slot.surface.get(), cj,
+                                                                  d_zbuffer[j].get(), w, h, slot.warped.get(),
+                                                                  target});
+            run.launch(ImageGrid{w, h},
+                       Kernel_Ncc_WindowStatistics{w, h, d_imgs[i].get(), slot.warped.get(), slot.mask.get(),
+                                                   slot.termR.get(), slot.termB.get(), slot.termC.get(),
+                                                   slot.termM.get(), slot.texture.get(), kOptimizationHalfWindow});
+            run.launch(ImageGrid{w, h},
+                       Kernel_Accumulate_PairGradient{a.num_f,
+                                                      d_facets.get(),
+                                                      d_facet_normals.get(),
+                                                      w,
+                                                      h,
+                                                      ci,
+                                                      slot.surface.get(),
+                                                      d_facet_id[i].get(),
+                                                      cj,
+                                                      d_bary_b[i].get(),
+                                                      d_bary_c[i].get(),
+                                                      mean_depth[i],
+                                                      mean_depth[j],
+                                                      gradScale.toFixed,
+                                                      target,
+                                                      d_imgs[i].get(),
+                                                      slot.warped.get(),
+                                                      slot.mask.get(),
+                                                      slot.termR.get(),
+                                                      slot.termB.get(),
+                                                      slot.termC.get(),
+                                                      slot.termM.get(),
+                                                      slot.texture.get(),
+                                                      kOptimizationHalfWindow,
+                                                      d_grad_photo_sum.get(),
+                                                      slot.pairStamp.get(),
+                                                      slot.pairsDone++,
+                                                      d_vt_pair_count.get()});
+        }
     }
 
     // Start of an iteration: clear the accumulators, take the normals of the
@@ -324,7 +368,10 @@ struct MeshOptimizationCall {
         const int nv = a.num_v;
         be.launch(WideRun{3 * nv}, Kernel_Clear_FixedPointSums{3 * nv, d_grad_photo_sum.get()});
         fillFloat(nv, d_vt_pair_count.get(), 0.0f);
-        if (fast() && cameraCount() > 0) be.launch(WideRun{nv}, Kernel_Set_IntArray{nv, d_pair_stamp.get(), -1});
+        for (PairSlot& slot : slots) {
+            be.launch(WideRun{nv}, Kernel_Set_IntArray{nv, slot.pairStamp.get(), -1});
+            slot.pairsDone = 0;
+        }
         be.launch(WideRun{a.num_f},
                   Kernel_Compute_FacetNormal{d_vertices.get(), a.num_f, d_facets.get(), d_facet_normals.get()});
         for (int c = 0; c < cameraCount(); ++c) render(c);
@@ -347,10 +394,16 @@ struct MeshOptimizationCall {
     void iteration() {
         const int nv = a.num_v;
         beginIteration();
-        int pairNumber = 0;
-        for (int i = 0; i < cameraCount(); ++i)
-            for (int j = 0; j < cameraCount(); ++j)
-                if (isPair(i, j)) fast() ? fusedPairChain(i, j, pairNumber++) : pairChain(i, j);
+        if (fast()) {
+            // The reference cameras as tasks, each in a slot of its own while
+            // it runs; their sums are fixed point and their pair counts kept
+            // per slot, so the order in which they run does not show.
+            be.runTasks(cameraCount(), [&](auto& run, int slot, int i) { fusedPairsOf(run, slots[size_t(slot)], i); });
+        } else {
+            for (int i = 0; i < cameraCount(); ++i)
+                for (int j = 0; j < cameraCount(); ++j)
+                    if (isPair(i, j)) pairChain(i, j);
+        }
         normalizeGradient();
         be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_vertices.get(), d_valence_list.get(),
                                                                 d_valence_counts.get(), d_valence_offsets.get(),

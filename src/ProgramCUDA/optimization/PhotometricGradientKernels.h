@@ -24,72 +24,114 @@ namespace tessaline {
 // One pixel's share of GRAD_PHOTO: the facet's three vertices, and for each
 // the fixed-point amounts it adds along the facet normal's three axes.
 struct PixelContribution {
+    int facet;
     int vertex[3];
     unsigned long long amount[3][3];  // [vertex][axis]
 };
 
-// The contribution of reference pixel (x, y), whose NCC derivative is g, or
-// false when it has none. `k` holds the pair's surface: num_f, facets,
-// facet_normals, width, camera_ref, depth_ref, facet_ref, camera_tar,
-// bary_b_ref, bary_c_ref, mean_depth_ref, mean_depth_tar, to_fixed and
-// target, a fetch of the target image (0..1) at texel coordinates. A pixel
-// whose ray meets the facet at a cosine above `cosineLimit` (compared in
-// double) contributes nothing: back faces and grazing views.
+// Where a surface point X falls in the target, (u, v) = (px/pw, py/pw)
+// with (px, py, pw) = P (X, 1), and the Jacobian of (u, v) with respect to X.
+struct TargetProjection {
+    float u, v;
+    float J0[3], J1[3];
+};
+
+DEVICE_HOST_HOT void targetProjection(const float P[12], const float X[3], TargetProjection& t) {
+    float px, py, pw;
+    projectF(P, X, px, py, pw);
+    t.u = px / pw;
+    t.v = py / pw;
+    const float pw2 = pw * pw;
+    // Written out, so that the compiler can work several projections at once.
+    t.J0[0] = (P[0] * pw - px * P[8]) / pw2;
+    t.J1[0] = (P[4] * pw - py * P[8]) / pw2;
+    t.J0[1] = (P[1] * pw - px * P[9]) / pw2;
+    t.J1[1] = (P[5] * pw - py * P[9]) / pw2;
+    t.J0[2] = (P[2] * pw - px * P[10]) / pw2;
+    t.J1[2] = (P[6] * pw - py * P[10]) / pw2;
+}
+
+// The first steps of a pixel's contribution: its facet f and the facet's
+// unit normal N, and the cosine n between N and the pixel's ray r; false
+// when the pixel has no contribution (no facet, or a cosine above
+// `cosineLimit`, compared in double: a back face or a grazing view).
 template <class Pair>
-DEVICE_HOST bool photometricContribution(const Pair& k, int x, int y, float g, double cosineLimit,
-                                         PixelContribution& out) {
-    const int e = y * k.width + x;
-    const float d = k.depth_ref[e];
-    const int f = k.facet_ref[e];
-    const float b = k.bary_b_ref[e];
-    const float c = k.bary_c_ref[e];
+DEVICE_HOST_HOT bool photometricFacet(const Pair& k, int e, const float r[3], double cosineLimit, int& f, float N[3],
+                                      float& n) {
+    f = k.facet_ref[e];
     // A masked pixel always has a facet in the optimisation; the guard
     // protects the single-step entry point, whose mask comes from the caller.
     if (f < 0 || f >= k.num_f) return false;
+    for (int q = 0; q < 3; ++q) N[q] = k.facet_normals[3 * f + q];
+    n = N[0] * r[0] + N[1] * r[1] + N[2] * r[2];
+    return !(double(n) > cosineLimit);
+}
 
-    const float s = (k.mean_depth_ref * k.mean_depth_tar) / (k.camera_ref.fx * k.camera_ref.fy);
+// The pair's scale of the photometric gradient: the two cameras' mean
+// depths over the reference's focal lengths.
+template <class Pair>
+DEVICE_HOST_HOT float pairScale(const Pair& k) {
+    return (k.mean_depth_ref * k.mean_depth_tar) / (k.camera_ref.fx * k.camera_ref.fy);
+}
 
-    const float N[3] = {k.facet_normals[3 * f], k.facet_normals[3 * f + 1], k.facet_normals[3 * f + 2]};
-
-    float C[3], r[3], X[3];
-    pixelSurfacePointF(k.camera_ref, x, y, d, C, r, X);
-
-    const float n = N[0] * r[0] + N[1] * r[1] + N[2] * r[2];
-    if (double(n) > cosineLimit) return false;
-
-    // The mask says the warp found this point in front of the target, with
-    // the same arithmetic, so pw > 0 here.
-    const float* P = k.camera_tar.P;
-    float px, py, pw;
-    projectF(P, X, px, py, pw);
-    const float u = px / pw, v = py / pw;
-
-    // Jacobian of (px/pw, py/pw) with respect to X.
-    const float pw2 = pw * pw;
-    float J0[3], J1[3];
-    for (int m = 0; m < 3; ++m) {
-        J0[m] = (P[m] * pw - px * P[8 + m]) / pw2;
-        J1[m] = (P[4 + m] * pw - py * P[8 + m]) / pw2;
-    }
+// The last steps: the target image's gradient at the projection, the motion
+// along the ray per unit motion along the normal, and the fixed-point
+// amounts for the facet's three vertices; s is pairScale(k).
+template <class Pair>
+DEVICE_HOST_HOT void photometricAmounts(const Pair& k, int e, int f, const float N[3], float n, const float r[3],
+                                        const TargetProjection& t, float g, float s, PixelContribution& out) {
+    const float b = k.bary_b_ref[e];
+    const float c = k.bary_c_ref[e];
 
     // Central differences of the bilinear target image, one pixel apart, on
     // the fetch's 0..1 scale.
-    const float gx = k.target(u + 1.0f, v + 0.5f) - k.target(u + 0.0f, v + 0.5f);
-    const float gy = k.target(u + 0.5f, v + 1.0f) - k.target(u + 0.5f, v + 0.0f);
+    const float gx = k.target(t.u + 1.0f, t.v + 0.5f) - k.target(t.u + 0.0f, t.v + 0.5f);
+    const float gy = k.target(t.u + 0.5f, t.v + 1.0f) - k.target(t.u + 0.5f, t.v + 0.0f);
 
     float G[3];
-    for (int m = 0; m < 3; ++m) G[m] = g * (gx * J0[m] + gy * J1[m]);
+    for (int m = 0; m < 3; ++m) G[m] = g * (gx * t.J0[m] + gy * t.J1[m]);
 
     // Motion along the ray per unit motion along the normal.
     const float D = (G[0] * r[0] + G[1] * r[1] + G[2] * r[2]) / n;
 
     const float weight[3] = {1.0f - b - c, b, c};
+    out.facet = f;
     for (int m = 0; m < 3; ++m) {
         out.vertex[m] = k.facets[3 * f + m];
         const float a = (s * weight[m]) * D;
         for (int q = 0; q < 3; ++q) out.amount[m][q] = toFixedPoint(a * N[q], k.to_fixed);
     }
+}
+
+// The contribution of reference pixel e, whose NCC derivative is g, or
+// false when it has none; r is the pixel's unit viewing ray and X its
+// surface point. `k` holds the pair's surface: num_f, facets, facet_normals,
+// facet_ref, camera_ref, camera_tar, bary_b_ref, bary_c_ref, mean_depth_ref,
+// mean_depth_tar, to_fixed and target, a fetch of the target image (0..1) at
+// texel coordinates.
+template <class Pair>
+DEVICE_HOST bool photometricContributionAt(const Pair& k, int e, const float r[3], const float X[3], float g,
+                                           double cosineLimit, PixelContribution& out) {
+    int f;
+    float N[3], n;
+    if (!photometricFacet(k, e, r, cosineLimit, f, N, n)) return false;
+    // The mask says the warp found this point in front of the target, with
+    // the same arithmetic, so pw > 0 here.
+    TargetProjection t;
+    targetProjection(k.camera_tar.P, X, t);
+    photometricAmounts(k, e, f, N, n, r, t, g, pairScale(k), out);
     return true;
+}
+
+// The same for reference pixel (x, y), its ray and surface point worked out
+// from the reference camera and depth_ref.
+template <class Pair>
+DEVICE_HOST bool photometricContribution(const Pair& k, int x, int y, float g, double cosineLimit,
+                                         PixelContribution& out) {
+    const int e = y * k.width + x;
+    float C[3], r[3], X[3];
+    pixelSurfacePointF(k.camera_ref, x, y, k.depth_ref[e], C, r, X);
+    return photometricContributionAt(k, e, r, X, g, cosineLimit, out);
 }
 
 // The gradient accumulation of one ordered pair, per reference pixel, from

@@ -6,6 +6,8 @@
 // NCC chain (grey values are never negative, so the mark is unambiguous).
 #pragma once
 
+#include <cstddef>
+
 #include "CameraGeometry.h"
 #include "DeviceCommon.h"
 #include "TextureSampler.h"
@@ -16,6 +18,57 @@ namespace tessaline {
 constexpr float kWarpNoValue = -1.0f;
 constexpr float kWarpBorder = 10.0f;           // target pixels this close to the edge are refused
 constexpr double kWarpDepthTolerance = 0.01;   // relative, compared in double
+
+// Where the target sees surface point X: its image point (u, v), or
+// (-1, -1) when X is not in front of the target, and X's distance dt from
+// the target's centre Ct.
+DEVICE_HOST_HOT void targetView(const float X[3], const mycamera_cuda& camera_tar, const float Ct[3], float& u,
+                                float& v, float& dt) {
+    float px, py, pw;
+    projectF(camera_tar.P, X, px, py, pw);
+    u = -1.0f;
+    v = -1.0f;  // behind the target: falls to the border test
+    if (pw > 0.0f) {
+        u = px / pw;
+        v = py / pw;
+    }
+    dt = distanceF(Ct, X);
+}
+
+// The grey level that the target shows at (u, v) of a point at distance dt
+// from its centre: the target image (`target`, 0..1) there, times 255, when
+// (u, v) lies more than 10 pixels inside the target and one of the four
+// depth cells around it agrees with dt within 1%; else the "no value" mark.
+template <class Fetch>
+DEVICE_HOST_HOT float warpedValueAt(float u, float v, float dt, const float* depth_tar, int width, int height,
+                                    const Fetch& target) {
+    // Strict border test; it also keeps the four depth cells below and the
+    // bilinear fetch inside the image. NaN fails it too.
+    if (!(u > kWarpBorder && u < float(width - 10) && v > kWarpBorder && v < float(height - 10))) return kWarpNoValue;
+
+    // Visible if any of the four depth cells around (u, v) is within 1% of
+    // the distance from the target centre; one agreeing cell is enough.
+    const int ix = int(u), iy = int(v);
+    const int cells[4] = {iy * width + ix, (iy + 1) * width + ix, iy * width + ix + 1, (iy + 1) * width + ix + 1};
+    const double tolerance = kWarpDepthTolerance * double(dt);
+    for (int c = 0; c < 4; ++c) {
+        const float diff = depth_tar[cells[c]] - dt;
+        if (fabs(double(diff)) < tolerance) return 255.0f * target(u + 0.5f, v + 0.5f);
+    }
+    return kWarpNoValue;
+}
+
+// The grey level that the target shows of surface point X, seen from a
+// reference pixel.
+template <class Fetch>
+DEVICE_HOST float warpedValue(const float X[3], const mycamera_cuda& camera_tar, const float* depth_tar, int width,
+                              int height, const Fetch& target) {
+    float Ct[3];
+    cameraCentreF(camera_tar, Ct);
+    float u, v, dt;
+    targetView(X, camera_tar, Ct, u, v, dt);
+    return warpedValueAt(u, v, dt, depth_tar, width, height, target);
+}
 
 // The warp of one ordered pair, per reference pixel. `Fetch` samples the
 // target image (0..1) at texel coordinates: a layer of the image stack in
@@ -37,45 +90,11 @@ struct PerspectiveWarp {
         if (x < 0 || y < 0 || x >= width || y >= height) return;
         const int e = y * width + x;
         warped[e] = kWarpNoValue;
-
-        const float d = depth_ref[e];
         const int f = facet_ref[e];
         if (f < 0) return;  // uncovered, or the nearest surface faces away
-
         float Cr[3], r[3], X[3];
-        pixelSurfacePointF(camera_ref, x, y, d, Cr, r, X);
-        float Ct[3];
-        cameraCentreF(camera_tar, Ct);
-
-        float px, py, pw;
-        projectF(camera_tar.P, X, px, py, pw);
-        float u = -1.0f, v = -1.0f;  // behind the target: falls to the border test
-        if (pw > 0.0f) {
-            u = px / pw;
-            v = py / pw;
-        }
-        const float dt = distanceF(Ct, X);
-
-        // Strict border test; it also keeps the four depth cells below and
-        // the bilinear fetch inside the image. NaN fails it too.
-        if (!(u > kWarpBorder && u < float(width - 10) && v > kWarpBorder && v < float(height - 10))) return;
-
-        // Visible if any of the four depth cells around (u, v) is within 1%
-        // of the distance from the target centre; one agreeing cell is enough.
-        const int ix = int(u), iy = int(v);
-        const int cells[4] = {iy * width + ix, (iy + 1) * width + ix, iy * width + ix + 1, (iy + 1) * width + ix + 1};
-        const double tolerance = kWarpDepthTolerance * double(dt);
-        bool visible = false;
-        for (int c = 0; c < 4; ++c) {
-            const float diff = depth_tar[cells[c]] - dt;
-            if (fabs(double(diff)) < tolerance) {
-                visible = true;
-                break;
-            }
-        }
-        if (!visible) return;
-
-        warped[e] = 255.0f * target(u + 0.5f, v + 0.5f);
+        pixelSurfacePointF(camera_ref, x, y, depth_ref[e], Cr, r, X);
+        warped[e] = warpedValue(X, camera_tar, depth_tar, width, height, target);
     }
 };
 
@@ -84,5 +103,82 @@ struct Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA : PerspectiveWa
 
 // The warp of one pair whose target image is bound on its own.
 struct Kernel_Perspective_Image_Model_Image_Warp_CUDA : PerspectiveWarp<ImageFetch> {};
+
+// The surface a camera sees, per pixel with a facet: the unit viewing ray r
+// and the point X = C + d r at the pixel's depth, six floats (r, then X).
+// Every pair with this camera as reference reads them instead of working
+// them out again; pixels without a facet are left as they were.
+struct Kernel_Surface_Points {
+    static constexpr int kFloorBytesPerElement = 8;  // depth and facet read
+    mycamera_cuda camera;
+    const float* depth;
+    const int* facet;
+    int width;
+    int height;
+    float* surface;
+
+    DEVICE_HOST void operator()(int x, int y) const {
+        if (x < 0 || y < 0 || x >= width || y >= height) return;
+        const int e = y * width + x;
+        if (facet[e] < 0) return;
+        float C[3];
+        pixelSurfacePointF(camera, x, y, depth[e], C, surface + 6 * size_t(e), surface + 6 * size_t(e) + 3);
+    }
+};
+
+// The warp of one ordered pair from the reference camera's surface points.
+struct Kernel_Warp_SurfacePoints {
+    static constexpr int kFloorBytesPerElement = 8;  // warped value written, facet read
+    const int* facet_ref;
+    const float* surface_ref;
+    mycamera_cuda camera_tar;
+    const float* depth_tar;
+    int width;
+    int height;
+    float* warped;
+    StackLayerFetch target;
+
+    DEVICE_HOST void operator()(int x, int y) const {
+        if (x < 0 || y < 0 || x >= width || y >= height) return;
+        const int e = y * width + x;
+        warped[e] = facet_ref[e] < 0 ? kWarpNoValue
+                                     : warpedValue(surface_ref + 6 * size_t(e) + 3, camera_tar, depth_tar, width,
+                                                   height, target);
+    }
+};
+
+#if !defined(__CUDA_ARCH__)
+// Rows y0..y1-1 of the warp on the CPU: the same bytes as the per-pixel
+// kernel, the target views of 8 neighbouring pixels worked at once.
+inline void cpuRows(const Kernel_Warp_SurfacePoints& k, int y0, int y1) {
+    constexpr int kLanes = 8;
+    const int W = k.width, H = k.height;
+    float Ct[3];
+    cameraCentreF(k.camera_tar, Ct);
+    for (int y = y0; y < y1 && y < H; ++y) {
+        const size_t row = size_t(y) * W;
+        int x = 0;
+        for (; x + kLanes <= W; x += kLanes) {
+            const size_t e = row + size_t(x);
+            bool any = false;
+            for (int l = 0; l < kLanes; ++l) {
+                k.warped[e + l] = kWarpNoValue;
+                any |= k.facet_ref[e + l] >= 0;
+            }
+            if (!any) continue;
+            float u[kLanes], v[kLanes], dt[kLanes];
+            const float* surface = k.surface_ref + 6 * e;
+            for (int l = 0; l < kLanes; ++l) {
+                const float X[3] = {surface[6 * l + 3], surface[6 * l + 4], surface[6 * l + 5]};
+                targetView(X, k.camera_tar, Ct, u[l], v[l], dt[l]);
+            }
+            for (int l = 0; l < kLanes; ++l)
+                if (k.facet_ref[e + l] >= 0)
+                    k.warped[e + l] = warpedValueAt(u[l], v[l], dt[l], k.depth_tar, W, H, k.target);
+        }
+        for (; x < W; ++x) k(x, y);
+    }
+}
+#endif
 
 }  // namespace tessaline

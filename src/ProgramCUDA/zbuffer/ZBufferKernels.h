@@ -3,6 +3,8 @@
 // from the camera centre, the front-facing facet there and its weights.
 #pragma once
 
+#include <cstdint>
+
 #include "CameraGeometry.h"
 #include "DeviceCommon.h"
 #include "mycamera.h"
@@ -30,10 +32,33 @@ DEVICE_HOST unsigned long long depthFacetKey(float depth, int facet) {
     return ((unsigned long long)orderedDepthBits(depth) << 32) | (unsigned long long)(~unsigned(facet));
 }
 
+// A vertex as a camera sees it: its image point (u, v), or (-1, -1) when it
+// is not in front of the camera, and its distance d from the camera centre.
+struct ProjectedVertex {
+    float u, v, d;
+};
+
+DEVICE_HOST ProjectedVertex projectVertex(const mycamera_cuda& camera, const float* vertex) {
+    const float X[3] = {vertex[0], vertex[1], vertex[2]};
+    float px, py, pw;
+    projectF(camera.P, X, px, py, pw);
+    ProjectedVertex p{-1.0f, -1.0f, 0.0f};
+    if (pw > 0.0f) {
+        p.u = px / pw;
+        p.v = py / pw;
+    }
+    float C[3];
+    cameraCentreF(camera, C);
+    p.d = distanceF(X, C);
+    return p;
+}
+
 // One facet as the z-buffer sees it: its projection, pixel box, weight
 // increments and vertex distances. `kept` is false when the facet is dropped
 // whole: its box reaches into the 10-pixel margin of the area, which a
-// vertex behind the camera (image point (-1, -1)) always does.
+// vertex behind the camera (image point (-1, -1)) always does. The vertices'
+// projections come from `projected` (3 floats a vertex, Kernel_Project_Vertices)
+// when it is given, else they are worked out here; both give the same.
 struct FacetRaster {
     bool kept = false;
     int xLo, xHi, yLo, yHi;
@@ -43,18 +68,14 @@ struct FacetRaster {
     float bCorner, cCorner;     // weights at (xLo, yLo)
 
     DEVICE_HOST FacetRaster(const float* vertices, const int* facets, int id, const mycamera_cuda& camera, int BU,
-                            int BV, int LU, int LV) {
-        float C[3];
-        cameraCentreF(camera, C);
-        const int i0 = facets[3 * id], i1 = facets[3 * id + 1], i2 = facets[3 * id + 2];
-        const float X0[3] = {vertices[3 * i0], vertices[3 * i0 + 1], vertices[3 * i0 + 2]};
-        const float X1[3] = {vertices[3 * i1], vertices[3 * i1 + 1], vertices[3 * i1 + 2]};
-        const float X2[3] = {vertices[3 * i2], vertices[3 * i2 + 1], vertices[3 * i2 + 2]};
-
-        float x0, y0, x1, y1, x2, y2;
-        imagePoint(camera, X0, x0, y0);
-        imagePoint(camera, X1, x1, y1);
-        imagePoint(camera, X2, x2, y2);
+                            int BV, int LU, int LV, const float* projected = nullptr) {
+        const int index[3] = {facets[3 * id], facets[3 * id + 1], facets[3 * id + 2]};
+        ProjectedVertex p[3];
+        for (int k = 0; k < 3; ++k)
+            p[k] = projected ? ProjectedVertex{projected[3 * index[k]], projected[3 * index[k] + 1],
+                                               projected[3 * index[k] + 2]}
+                             : projectVertex(camera, vertices + 3 * index[k]);
+        const float x0 = p[0].u, y0 = p[0].v, x1 = p[1].u, y1 = p[1].v, x2 = p[2].u, y2 = p[2].v;
 
         xLo = min3(truncD(double(x0) - 0.5), truncD(double(x1) - 0.5), truncD(double(x2) - 0.5)) - 1;
         xHi = max3(truncD(double(x0) + 0.5), truncD(double(x1) + 0.5), truncD(double(x2) + 0.5)) + 1;
@@ -65,9 +86,9 @@ struct FacetRaster {
 
         const float det = (y1 - y0) * (x2 - x0) - (x1 - x0) * (y2 - y0);
         r = 1.0f / det;
-        d0 = distance(X0, C);
-        d1 = distance(X1, C);
-        d2 = distance(X2, C);
+        d0 = p[0].d;
+        d1 = p[1].d;
+        d2 = p[2].d;
         db_y = r * (x2 - x0);
         dc_y = r * (x0 - x1);
         db_x = r * (y0 - y2);
@@ -86,8 +107,9 @@ struct FacetRaster {
     template <class Visit>
     DEVICE_HOST void forEachPixel(const Visit& visit, int lane = 0, int lanes = 1) const {
         float bTop = bCorner, cTop = cCorner;
-        for (int x = xLo, column = 0; x <= xHi; ++x, ++column) {
-            if (column % lanes == lane) {
+        for (int x = xLo, column = 0, mine = lane; x <= xHi; ++x, ++column) {
+            if (column == mine) {
+                mine += lanes;
                 float b = bTop, c = cTop;
                 for (int y = yLo; y <= yHi; ++y) {
                     if (b >= 0.0f && c >= 0.0f && b + c <= 1.0f)
@@ -102,17 +124,6 @@ struct FacetRaster {
     }
 
    private:
-    DEVICE_HOST static void imagePoint(const mycamera_cuda& camera, const float X[3], float& u, float& v) {
-        float px, py, pw;
-        projectF(camera.P, X, px, py, pw);
-        if (pw > 0.0f) {
-            u = px / pw;
-            v = py / pw;
-        } else {
-            u = -1.0f;
-            v = -1.0f;
-        }
-    }
     DEVICE_HOST static int truncD(double v) {
         // Far outside any image: clamp before the conversion so it is defined.
         if (!(v > -1.0e9)) return -1000000000;
@@ -121,9 +132,23 @@ struct FacetRaster {
     }
     DEVICE_HOST static int min3(int a, int b, int c) { return a < b ? (a < c ? a : c) : (b < c ? b : c); }
     DEVICE_HOST static int max3(int a, int b, int c) { return a > b ? (a > c ? a : c) : (b > c ? b : c); }
-    DEVICE_HOST static float distance(const float X[3], const float C[3]) {
-        const float dx = X[0] - C[0], dy = X[1] - C[1], dz = X[2] - C[2];
-        return sqrtf(dx * dx + dy * dy + dz * dz);
+};
+
+// Per vertex: its image point and distance in the camera of a render, which
+// the facets around it read instead of working them out again.
+struct Kernel_Project_Vertices {
+    static constexpr int kFloorBytesPerElement = 24;  // vertex read, projection written
+    int num_v;
+    const float* vertices;
+    mycamera_cuda camera;
+    float* projected;  // u, v, d per vertex
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id < 0 || id >= num_v) return;
+        const ProjectedVertex p = projectVertex(camera, vertices + 3 * id);
+        projected[3 * id] = p.u;
+        projected[3 * id + 1] = p.v;
+        projected[3 * id + 2] = p.d;
     }
 };
 
@@ -138,6 +163,18 @@ struct Kernel_Init_DepthKeys {
     DEVICE_HOST void operator()(int id) const {
         if (id < 0 || id >= n) return;
         depth_keys[id] = depthFacetKey(depth_image[id], 0);
+    }
+};
+
+// Clears n bytes.
+struct Kernel_Clear_Bytes {
+    static constexpr int kFloorBytesPerElement = 1;  // one byte written
+    int n;
+    uint8_t* bytes;
+
+    DEVICE_HOST void operator()(int id) const {
+        if (id < 0 || id >= n) return;
+        bytes[id] = 0;
     }
 };
 
@@ -158,8 +195,12 @@ struct Kernel_Clear_DepthKeys {
 // facet covers. One thread per facet, as the reference renders; the
 // optimisation's fast schedule shares each facet's columns among `lanes`
 // threads (thread id = facet * lanes + lane), which leaves the same keys.
+// With `candidates` given (cleared before), a facet that offered a key not
+// above a pixel's is marked there: only such a facet can win a pixel, and
+// the second pass skips the others.
 struct Kernel_TriMesh_Image_ZBuffering_CUDA {
     static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
+    static constexpr long long kCpuParallelMinimum = 256;  // a facet's walk is dear
     const float* vertices;
     int num_f;
     const int* facets;
@@ -167,17 +208,21 @@ struct Kernel_TriMesh_Image_ZBuffering_CUDA {
     int BU, BV, LU, LV;
     unsigned long long* depth_keys;
     int lanes = 1;
+    const float* projected = nullptr;  // the vertices' projections, when worked out before
+    uint8_t* candidates = nullptr;     // per facet
 
     DEVICE_HOST void operator()(int id) const {
         if (id < 0 || id / lanes >= num_f) return;
         const int facet = id / lanes;
-        const FacetRaster f(vertices, facets, facet, camera, BU, BV, LU, LV);
+        const FacetRaster f(vertices, facets, facet, camera, BU, BV, LU, LV, projected);
         if (!f.kept) return;
+        bool candidate = false;
         f.forEachPixel(
             [&](int x, int y, float depth, float, float) {
-                atomicMinU64(depth_keys + ((y - BV) * LU + (x - BU)), depthFacetKey(depth, facet));
+                candidate |= atomicMinU64(depth_keys + ((y - BV) * LU + (x - BU)), depthFacetKey(depth, facet));
             },
             id % lanes, lanes);
+        if (candidates && candidate) candidates[facet] = 1;
     }
 };
 
@@ -186,6 +231,7 @@ struct Kernel_TriMesh_Image_ZBuffering_CUDA {
 // of its second and third vertex. Threads as in the first pass.
 struct Kernel_TriMesh_Image_ZBuffering_Store {
     static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
+    static constexpr long long kCpuParallelMinimum = 256;  // a facet's walk is dear
     const float* vertices;
     int num_f;
     const int* facets;
@@ -197,11 +243,14 @@ struct Kernel_TriMesh_Image_ZBuffering_Store {
     float* bary_b_image;
     float* bary_c_image;
     int lanes = 1;
+    const float* projected = nullptr;
+    const uint8_t* candidates = nullptr;  // per facet, from the first pass: 0 cannot win a pixel
 
     DEVICE_HOST void operator()(int id) const {
         if (id < 0 || id / lanes >= num_f) return;
         const int facet = id / lanes;
-        const FacetRaster f(vertices, facets, facet, camera, BU, BV, LU, LV);
+        if (candidates && candidates[facet] == 0) return;
+        const FacetRaster f(vertices, facets, facet, camera, BU, BV, LU, LV, projected);
         if (!f.kept) return;
         const bool front = f.r > 0.0f;
         f.forEachPixel(
