@@ -1,10 +1,16 @@
 #!/usr/bin/env python3
-"""Benchmark: generates scenes of growing size, refines each with the tool,
-and prints per scene the time of each level, the total time, the peak
-memory, and accuracy and completeness of the initial and refined meshes
-against the ground truth.
+"""Benchmark: generates scenes of growing size (and takes the real temple),
+refines each with the tool, and prints per scene the time of each level, the
+total time, the peak memory, and accuracy and completeness of the initial
+and refined meshes against the ground truth (the temple has none).
 
-    scripts/benchmark.py [--build build] [--out out/bench] [--scenes small,medium,large] [--profile]
+    scripts/benchmark.py [--build build] [--out out/bench] [--scenes small,medium,large,temple]
+                         [--profile] [--against OTHER_BUILD --rounds N]
+
+With --against, every scene is refined --rounds times by each build in
+turn (this build, the other, this build, ...), so that both see the same
+machine, and the script prints each run's total, the medians and their
+ratio.
 
 Timing comes from the tool's own output as it streams: a level runs from the
 end of the previous one (or the end of loading) to the "After free" memory
@@ -29,7 +35,12 @@ SCENES = {
     "small": dict(views=8, width=320, height=240),
     "medium": dict(views=16, width=640, height=480),
     "large": dict(views=32, width=1024, height=768),
+    # The real photographs and visual hull, refined where they lie.
+    "temple": dict(views=16, width=640, height=480, real=True),
 }
+TEMPLE = os.environ.get("TESSALINE_TEMPLE_DIR",
+                        os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "shared", "data",
+                                     "templeSparseRing"))
 
 
 def run_timed(cmd, cwd, env=None):
@@ -87,13 +98,17 @@ def profiles(lines):
 
 def print_profiles(rows):
     print()
-    print(f"{'scene':8} {'level':>5} | {'call':>8} {'iterations':>10} {'count':>5} {'ms/iter':>9} "
-          f"{'floor ms/iter':>13}")
+    print(f"{'scene':8} {'level':>5} | {'call':>8} {'iterations':>10} {'count':>5} {'launches/iter':>13} "
+          f"{'ms/iter':>9} {'floor ms/iter':>13} {'over floor':>10}")
     for name, *_, blocks in rows:
         for level, b in zip((2, 1, 0), blocks):
-            floor = sum(k[4] for k in b["kernels"] if k[0] != "all kernels")
+            kernels = [k for k in b["kernels"] if k[0] != "all kernels"]
+            floor = sum(k[4] for k in kernels)
+            launches = sum(k[1] for k in kernels)
+            over = b["per_iteration_ms"] / floor if floor > 0 else float("nan")
             print(f"{name:8} {level:5d} | {b['call']:7.3f}s {b['iterations']:9.3f}s {b['count']:5d} "
-                  f"{b['per_iteration_ms']:9.3f} {floor:13.3f}")
+                  f"{launches:13.1f} {b['per_iteration_ms']:9.3f} {floor:13.3f} {over:9.1f}x")
+    print("launches/iter: kernel launches of one iteration; a replayed graph counts as one")
     if not rows or not rows[-1][-1]:
         return
     name, last = rows[-1][0], rows[-1][-1][-1]
@@ -105,45 +120,87 @@ def print_profiles(rows):
         print(f"{k[0]:58} {k[1]:8.1f} {k[2]:9.3f} {100 * k[2] / total:5.1f}% {k[3]:9.2f} {k[4]:9.3f}")
 
 
+def prepare(build, name, out):
+    """Makes the scene's folder; returns (folder, scene file, initial mesh, truth or None)."""
+    p = SCENES[name]
+    if p.get("real"):
+        if not os.path.isfile(os.path.join(TEMPLE, "temple.sfm")):
+            sys.exit(f"the temple is missing: {TEMPLE} (set TESSALINE_TEMPLE_DIR)")
+        return TEMPLE, "temple.sfm", "temple_hull.ply", None
+    os.makedirs(out, exist_ok=True)
+    subprocess.run([os.path.join(build, "tools/synth/tessaline_synth"), out, "--views", str(p["views"]),
+                    "--width", str(p["width"]), "--height", str(p["height"])],
+                   check=True, stdout=subprocess.DEVNULL)
+    return out, "scene.sfm", "initial.ply", os.path.join(out, "truth.ply")
+
+
+def refine(build, folder, sfm, initial, output, lod, env):
+    elapsed, peak, lines, rc = run_timed(
+        [os.path.join(build, "src/driver/tessaline_refine"), sfm, initial, output, lod], folder, env)
+    if rc != 1:
+        print("\n".join(l for _, l in lines[-20:]), file=sys.stderr)
+        sys.exit(f"{build}: the tool failed on {folder} (exit {rc})")
+    return elapsed, peak, lines
+
+
+def median(values):
+    v = sorted(values)
+    return v[len(v) // 2] if len(v) % 2 else 0.5 * (v[len(v) // 2 - 1] + v[len(v) // 2])
+
+
 def main():
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("--build", default="build")
     ap.add_argument("--out", default="out/bench")
-    ap.add_argument("--scenes", default="small,medium,large")
+    ap.add_argument("--scenes", default="small,medium,large,temple")
     ap.add_argument("--lod", default="0", help="level of detail passed to the tool")
     ap.add_argument("--profile", action="store_true", help="time the optimisation per call and per kernel")
+    ap.add_argument("--against", help="another build to time against, in turns with this one")
+    ap.add_argument("--rounds", type=int, default=3, help="runs of each build with --against")
     args = ap.parse_args()
     env = dict(os.environ, TESSALINE_PROFILE="1") if args.profile else None
     build = os.path.abspath(args.build)
+    for name in args.scenes.split(","):
+        if name not in SCENES:
+            sys.exit(f"unknown scene {name}; the scenes are {', '.join(SCENES)}")
+
+    if args.against:
+        other = os.path.abspath(args.against)
+        print(f"{'scene':8} {'round':>5} | {'this build':>10} {'other build':>11}")
+        for name in args.scenes.split(","):
+            folder, sfm, initial, _ = prepare(build, name, os.path.abspath(os.path.join(args.out, name)))
+            output = os.path.abspath(os.path.join(args.out, f"{name}-timed.ply"))
+            ours, theirs = [], []
+            for r in range(args.rounds):
+                ours.append(refine(build, folder, sfm, initial, output, args.lod, None)[0])
+                theirs.append(refine(other, folder, sfm, initial, output, args.lod, None)[0])
+                print(f"{name:8} {r + 1:5d} | {ours[-1]:9.2f}s {theirs[-1]:10.2f}s", flush=True)
+            print(f"{name:8} {'median':>5} | {median(ours):9.2f}s {median(theirs):10.2f}s   "
+                  f"the other build takes {median(theirs) / median(ours):.2f} times as long")
+        return
+
     rows = []
     for name in args.scenes.split(","):
         p = SCENES[name]
-        out = os.path.abspath(os.path.join(args.out, name))
-        os.makedirs(out, exist_ok=True)
-        subprocess.run([os.path.join(build, "tools/synth/tessaline_synth"), out, "--views", str(p["views"]),
-                        "--width", str(p["width"]), "--height", str(p["height"])],
-                       check=True, stdout=subprocess.DEVNULL)
-        elapsed, peak, lines, rc = run_timed(
-            [os.path.join(build, "src/driver/tessaline_refine"), "scene.sfm", "initial.ply", "refined.ply", args.lod],
-            out, env)
-        if rc != 1:
-            print("\n".join(l for _, l in lines[-20:]), file=sys.stderr)
-            sys.exit(f"tool failed on scene {name} (exit {rc})")
-        before = compare(build, os.path.join(out, "truth.ply"), os.path.join(out, "initial.ply"))
-        after = compare(build, os.path.join(out, "truth.ply"), os.path.join(out, "refined.ply"))
-        facets = [l for _, l in lines if l.startswith("subdividing") or l.startswith("stop dividing")]
+        folder, sfm, initial, truth = prepare(build, name, os.path.abspath(os.path.join(args.out, name)))
+        output = os.path.abspath(os.path.join(args.out, f"{name}-refined.ply"))
+        elapsed, peak, lines = refine(build, folder, sfm, initial, output, args.lod, env)
+        before = after = None
+        if truth:
+            before = compare(build, truth, os.path.join(folder, initial))
+            after = compare(build, truth, output)
         backend = next((l for _, l in lines if l.startswith("Device backend")), "?")
-        rows.append((name, p, level_times(lines), elapsed, peak, before, after, backend, len(facets),
-                     profiles(lines)))
+        rows.append((name, p, level_times(lines), elapsed, peak, before, after, backend, profiles(lines)))
 
     print(f"{'scene':8} {'views':>5} {'size':>9} | {'level 2':>8} {'level 1':>8} {'level 0':>8} {'total':>8} "
           f"{'peak MiB':>9} | {'acc before':>10} {'acc after':>10} {'comp before':>11} {'comp after':>10}")
-    for name, p, lt, el, peak, b, a, backend, *_ in rows:
+    for name, p, lt, el, peak, b, a, backend, _ in rows:
         lt = lt + [float("nan")] * (3 - len(lt))
+        figures = (f"{b['accuracy_mean_rel']:10.5f} {a['accuracy_mean_rel']:10.5f} "
+                   f"{b['completeness_mean_rel']:11.5f} {a['completeness_mean_rel']:10.5f}") if b else \
+            f"{'(no ground truth)':>45}"
         print(f"{name:8} {p['views']:5d} {p['width']:4d}x{p['height']:<4d} | "
-              f"{lt[0]:7.1f}s {lt[1]:7.1f}s {lt[2]:7.1f}s {el:7.1f}s {peak:9.0f} | "
-              f"{b['accuracy_mean_rel']:10.5f} {a['accuracy_mean_rel']:10.5f} "
-              f"{b['completeness_mean_rel']:11.5f} {a['completeness_mean_rel']:10.5f}")
+              f"{lt[0]:7.1f}s {lt[1]:7.1f}s {lt[2]:7.1f}s {el:7.1f}s {peak:9.0f} | {figures}")
     print("accuracy/completeness: mean distance as a fraction of the ground truth's bounding-box diagonal")
     print(rows[0][7] if rows else "")
     if args.profile:

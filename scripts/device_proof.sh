@@ -39,7 +39,7 @@ root=$(pwd)
 out=${OUT:-$root/out/device}
 mkdir -p "$out"
 unpacked=/tmp/tessaline-bundle
-scenes=small,medium,large
+scenes=small,medium,large,temple
 sanitize_scene=small
 all_stages="tests sanitize compare temple bench"
 stages=()
@@ -80,6 +80,10 @@ elif [ ! -x "$unpacked/build/src/driver/tessaline_refine" ]; then
   exit 1
 fi
 bin=$unpacked/build
+# The end-to-end tests and the benchmark find the temple and the tool where
+# the bundle has them, not where the build here put them.
+export TESSALINE_TEMPLE_DIR=$unpacked/data/templeSparseRing
+export TESSALINE_REFINE=$bin/src/driver/tessaline_refine
 refine_bin=$bin/src/driver/tessaline_refine
 compare_bin=$bin/tools/compare/tessaline_compare
 if command -v nvidia-smi >/dev/null; then
@@ -237,10 +241,6 @@ distances() {
 
 stage_tests() {
   local t rc cuda
-  # The end-to-end tests find the temple and the tool where the bundle has
-  # them, not where the build here put them.
-  export TESSALINE_TEMPLE_DIR=$unpacked/data/templeSparseRing
-  export TESSALINE_REFINE=$bin/src/driver/tessaline_refine
   for t in device_tests mesh_tests driver_tests endtoend_tests; do
     if [ ! -x "$bin/tests/$t" ]; then
       fail "$t: missing from the bundle"

@@ -191,7 +191,7 @@ class CudaBackend {
         return tex;
     }
     void destroyPitchedTexture(Texture2D& tex) {
-        if (tex.object) release(cudaDestroyTextureObject(tex.object), "cudaDestroyTextureObject");
+        if (tex.object) checkRelease(cudaDestroyTextureObject(tex.object), "cudaDestroyTextureObject");
         tex = Texture2D();
     }
 
@@ -359,13 +359,13 @@ class CudaBackend {
         cudaResourceDesc res;
         std::memset(&res, 0, sizeof res);
         const bool known = cudaGetTextureObjectResourceDesc(&res, object) == cudaSuccess;
-        release(cudaDestroyTextureObject(object), "cudaDestroyTextureObject");
+        checkRelease(cudaDestroyTextureObject(object), "cudaDestroyTextureObject");
         if (known && res.resType == cudaResourceTypeArray && res.res.array.array)
-            release(cudaFreeArray(res.res.array.array), "cudaFreeArray");
+            checkRelease(cudaFreeArray(res.res.array.array), "cudaFreeArray");
     }
 
     // The status of a release: reported unless the backend has failed before.
-    void release(cudaError_t status, const char* call) {
+    void checkRelease(cudaError_t status, const char* call) {
         if (status == cudaSuccess || failed) return;
         std::printf("Error: CUDA %s: %s\n", call, cudaGetErrorString(status));
         std::fflush(stdout);

@@ -88,7 +88,7 @@ DEVICE_HOST float nccGradientFromTerms(const uint8_t* mask, const float* termR, 
 // sum taking its terms one by one in the window's order.
 namespace cpurow {
 
-constexpr int kLanes = 8;
+constexpr int kLanes = 16;
 
 // True when one of the 8 mask bytes is 1.
 inline bool anyValid(const uint8_t* mask) {

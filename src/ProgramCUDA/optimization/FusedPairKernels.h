@@ -217,14 +217,33 @@ inline void cpuRows(const Kernel_Accumulate_PairGradient& k, int y0, int y1) {
             TargetProjection t[kLanes];
             const float* surface = k.surface_ref + 6 * e;
             cpurow::targetProjections(k.camera_tar.P, surface, t);
+            // Per lane: the facet and the cosine (scalar), the target's
+            // gradient (scalar fetches), then the motion along the ray and
+            // the vertices' shares for all lanes at once, and the amounts of
+            // the lanes that contribute.
+            bool contributes[kLanes];
+            int facet[kLanes];
+            float N[kLanes][3], n[kLanes], gx[kLanes], gy[kLanes], b[kLanes], c[kLanes];
             for (int l = 0; l < kLanes; ++l) {
-                if (k.mask[e + l] != 1) continue;
-                const float* r = surface + 6 * l;
-                int f;
-                float N[3], n;
-                if (!photometricFacet(k, int(e) + l, r, kIntegratedCosineLimit, f, N, n)) continue;
+                contributes[l] = k.mask[e + l] == 1 &&
+                                 photometricFacet(k, int(e) + l, surface + 6 * l, kIntegratedCosineLimit, facet[l],
+                                                  N[l], n[l]);
+                gx[l] = gy[l] = b[l] = c[l] = 0.0f;
+                if (!contributes[l]) {
+                    n[l] = 1.0f;  // a lane that is dropped: any finite values
+                    continue;
+                }
+                targetGradient(k, t[l], gx[l], gy[l]);
+                b[l] = k.bary_b_ref[e + l];
+                c[l] = k.bary_c_ref[e + l];
+            }
+            float shares[kLanes][3];
+            for (int l = 0; l < kLanes; ++l)
+                vertexShares(scale, b[l], c[l], alongRay(g[l], gx[l], gy[l], t[l], surface + 6 * l, n[l]), shares[l]);
+            for (int l = 0; l < kLanes; ++l) {
+                if (!contributes[l]) continue;
                 PixelContribution p;
-                photometricAmounts(k, int(e) + l, f, N, n, r, t[l], g[l], scale, p);
+                vertexAmounts(k, facet[l], N[l], shares[l], p);
                 addToRun(p);
             }
         }

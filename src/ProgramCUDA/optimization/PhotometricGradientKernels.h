@@ -74,33 +74,52 @@ DEVICE_HOST_HOT float pairScale(const Pair& k) {
     return (k.mean_depth_ref * k.mean_depth_tar) / (k.camera_ref.fx * k.camera_ref.fy);
 }
 
+// The motion of the surface along the pixel's ray per unit motion along
+// the facet normal: the NCC derivative g carried through the target image's
+// gradient (gx, gy) and the projection's Jacobian, along the ray r, over the
+// cosine n.
+DEVICE_HOST_HOT float alongRay(float g, float gx, float gy, const TargetProjection& t, const float r[3], float n) {
+    float G[3];
+    for (int m = 0; m < 3; ++m) G[m] = g * (gx * t.J0[m] + gy * t.J1[m]);
+    return (G[0] * r[0] + G[1] * r[1] + G[2] * r[2]) / n;
+}
+
+// Each vertex's share of that motion: the pair scale s times the vertex's
+// barycentric weight (1 - b - c, b, c) times D.
+DEVICE_HOST_HOT void vertexShares(float s, float b, float c, float D, float a[3]) {
+    const float weight[3] = {1.0f - b - c, b, c};
+    for (int m = 0; m < 3; ++m) a[m] = (s * weight[m]) * D;
+}
+
+// The fixed-point amounts that shares a[] add along the normal N.
+template <class Pair>
+DEVICE_HOST_HOT void vertexAmounts(const Pair& k, int f, const float N[3], const float a[3], PixelContribution& out) {
+    out.facet = f;
+    for (int m = 0; m < 3; ++m) {
+        out.vertex[m] = k.facets[3 * f + m];
+        for (int q = 0; q < 3; ++q) out.amount[m][q] = toFixedPoint(a[m] * N[q], k.to_fixed);
+    }
+}
+
+// The target image's central differences at the projection, one pixel
+// apart, on the fetch's 0..1 scale.
+template <class Pair>
+DEVICE_HOST_HOT void targetGradient(const Pair& k, const TargetProjection& t, float& gx, float& gy) {
+    gx = k.target(t.u + 1.0f, t.v + 0.5f) - k.target(t.u + 0.0f, t.v + 0.5f);
+    gy = k.target(t.u + 0.5f, t.v + 1.0f) - k.target(t.u + 0.5f, t.v + 0.0f);
+}
+
 // The last steps: the target image's gradient at the projection, the motion
 // along the ray per unit motion along the normal, and the fixed-point
 // amounts for the facet's three vertices; s is pairScale(k).
 template <class Pair>
 DEVICE_HOST_HOT void photometricAmounts(const Pair& k, int e, int f, const float N[3], float n, const float r[3],
                                         const TargetProjection& t, float g, float s, PixelContribution& out) {
-    const float b = k.bary_b_ref[e];
-    const float c = k.bary_c_ref[e];
-
-    // Central differences of the bilinear target image, one pixel apart, on
-    // the fetch's 0..1 scale.
-    const float gx = k.target(t.u + 1.0f, t.v + 0.5f) - k.target(t.u + 0.0f, t.v + 0.5f);
-    const float gy = k.target(t.u + 0.5f, t.v + 1.0f) - k.target(t.u + 0.5f, t.v + 0.0f);
-
-    float G[3];
-    for (int m = 0; m < 3; ++m) G[m] = g * (gx * t.J0[m] + gy * t.J1[m]);
-
-    // Motion along the ray per unit motion along the normal.
-    const float D = (G[0] * r[0] + G[1] * r[1] + G[2] * r[2]) / n;
-
-    const float weight[3] = {1.0f - b - c, b, c};
-    out.facet = f;
-    for (int m = 0; m < 3; ++m) {
-        out.vertex[m] = k.facets[3 * f + m];
-        const float a = (s * weight[m]) * D;
-        for (int q = 0; q < 3; ++q) out.amount[m][q] = toFixedPoint(a * N[q], k.to_fixed);
-    }
+    float gx, gy;
+    targetGradient(k, t, gx, gy);
+    float a[3];
+    vertexShares(s, k.bary_b_ref[e], k.bary_c_ref[e], alongRay(g, gx, gy, t, r, n), a);
+    vertexAmounts(k, f, N, a, out);
 }
 
 // The contribution of reference pixel e, whose NCC derivative is g, or
