@@ -91,7 +91,7 @@ struct Kernel_Set_IntArray {
     }
 };
 
-// Clears fixed-point sums (kernels/FixedPointSum.h).
+// Clears fixed-point sums (FixedPointSum.h).
 struct Kernel_Clear_FixedPointSums {
     static constexpr int kFloorBytesPerElement = 8;  // one sum written
     int n;
