@@ -140,6 +140,9 @@ scene() {
   echo "$dir"
 }
 
+# error_summary RUNLOG: the sanitizer's last "ERROR SUMMARY: N errors".
+error_summary() { grep -aoE 'ERROR SUMMARY: [0-9]+ errors?' "$1" | tail -n 1; }
+
 # check_refine LABEL STATUS RUNLOG MESH BACKEND LIMIT: the checks that a run of
 # the tool went to its end on BACKEND ("CUDA device" or "CPU").
 check_refine() {
@@ -149,7 +152,7 @@ check_refine() {
     return
   fi
   if [ "$rc" -eq 99 ]; then
-    fail "$label: compute-sanitizer found errors (exit status 99; $(grep -aoE 'ERROR SUMMARY: [0-9]+ errors?' "$runlog" | tail -n 1))"
+    fail "$label: compute-sanitizer found errors (exit status 99; $(error_summary "$runlog"))"
   elif [ "$rc" -ne 1 ]; then
     fail "$label: exit status $rc, expected 1 (the run did not complete)"
   fi
@@ -161,7 +164,7 @@ check_refine() {
 # errors (after exit status 99 the errors were reported already).
 check_sanitizer() {
   local label=$1 rc=$2 runlog=$3 summary race
-  summary=$(grep -aoE 'ERROR SUMMARY: [0-9]+ errors?' "$runlog" | tail -n 1)
+  summary=$(error_summary "$runlog")
   race=$(grep -aoE 'RACECHECK SUMMARY: .*' "$runlog" | tail -n 1)
   say "  $label: ${summary:-no ERROR SUMMARY line}${race:+; $race}"
   if grep -aqE 'ERROR SUMMARY: [0-9]*[1-9][0-9]* error' "$runlog"; then
@@ -197,7 +200,7 @@ check_gtest() {
     fail "$label: timed out after $limit s"
     return
   elif [ "$rc" -eq 99 ]; then
-    fail "$label: compute-sanitizer found errors (exit status 99; $(grep -aoE 'ERROR SUMMARY: [0-9]+ errors?' "$runlog" | tail -n 1))"
+    fail "$label: compute-sanitizer found errors (exit status 99; $(error_summary "$runlog"))"
   elif [ "$rc" -ge 128 ]; then
     fail "$label: crashed (signal $((rc - 128)))"
   elif [ "$rc" -ne 0 ]; then

@@ -44,7 +44,7 @@
 #include "backend/KernelProfile.h"
 #include "ncc/NccChain.h"
 #include "ncc/NccFusedKernels.h"
-#include "optimization/MeshArguments.h"
+#include "MeshArguments.h"
 #include "optimization/FusedPairKernels.h"
 #include "optimization/MeshKernels.h"
 #include "optimization/PhotometricGradientKernels.h"
@@ -86,12 +86,10 @@ inline void printDeviceMemoryReport(const DeviceHandle& device, const char* text
 
 inline bool argumentsPass(const MeshOptimizationArgs& a) {
     ArgumentCheck check("Integrated_Mesh_Optimization_CUDA");
-    check.count(a.num_v, "negative vertex count");
-    check.count(a.num_f, "negative facet count");
+    checkMeshCounts(check, a.num_v, a.num_f);
     check.count(a.num_cameras, "negative camera count");
     check.count(a.width, "negative image width");
     check.count(a.height, "negative image height");
-    check.require(tripleFitsIntIndex(a.num_v) && tripleFitsIntIndex(a.num_f), "mesh too large");
     check.require(imageFitsIntIndex(a.width, a.height), "images too large");
     if (check.problem) return check.passed();
 
@@ -154,7 +152,7 @@ struct MeshOptimizationCall {
     };
     std::vector<PairSlot> slots;
     Buffer<float> d_projected;     // the vertices as the camera of a render sees them, 3 floats a vertex
-    Buffer<uint8_t> d_candidates;  // per facet: may win a pixel of the render
+    Buffer<uint8_t> d_candidates;  // per facet: may win a pixel of the render (CUDA)
 
     std::vector<float> mean_depth;
 
@@ -212,7 +210,8 @@ struct MeshOptimizationCall {
                     slot.pairStamp = Buffer<int>(be, nv);
                 }
                 d_projected = Buffer<float>(be, 3 * nv);
-                d_candidates = Buffer<uint8_t>(be, nf);
+                // The CPU renders in bands and needs no candidates.
+                if constexpr (Backend::isCuda) d_candidates = Buffer<uint8_t>(be, nf);
             } else {
                 d_warped = Buffer<float>(be, px);
                 nccBuffers = NccWorkBuffers<Backend>(be, px, true);

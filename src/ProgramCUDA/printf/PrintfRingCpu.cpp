@@ -31,6 +31,16 @@ namespace {
 printfring::HostRing g_cpuRing;
 
 struct CpuRingMemory {
+    void* allocate(unsigned bytes) { return std::aligned_alloc(size_t(printfring::kSlotBytes), bytes); }
+    void freeRing(unsigned long long base) { std::free(reinterpret_cast<void*>(base)); }
+    void arm(unsigned long long base, unsigned length) {
+        printfring::cpu::restrictRules[0] = -1;
+        printfring::cpu::restrictRules[1] = -1;
+        printfring::cpu::globalPrintfBuffer = base;
+        printfring::cpu::printfBufferLength = int(length);
+        __atomic_store_n(&printfring::cpu::printfBufferPtr, base, __ATOMIC_RELEASE);
+    }
+    void disarm() { __atomic_store_n(&printfring::cpu::printfBufferPtr, 0ull, __ATOMIC_RELEASE); }
     void copy(void* dst, unsigned long long address, size_t bytes) {
         std::memcpy(dst, reinterpret_cast<const void*>(address), bytes);
     }
@@ -41,22 +51,8 @@ struct CpuRingMemory {
 }  // namespace
 
 int printfRingInit(size_t bytes) {
-    if (bytes > size_t(0x7FFFFF00u)) return 3;  // the length is a 32-bit value
-    printfRingEnd();  // a ring still armed is replaced, not leaked
-    const unsigned length = printfring::ringLengthFor(bytes);
-    void* ring = std::aligned_alloc(size_t(printfring::kSlotBytes), length);
-    if (ring == nullptr) return 3;
-    printfring::HostRing& r = g_cpuRing;
-    r.base = reinterpret_cast<unsigned long long>(ring);
-    r.length = length;
-    std::memset(ring, 0, length);
-    r.hostCursor = r.base;
-    printfring::cpu::restrictRules[0] = -1;
-    printfring::cpu::restrictRules[1] = -1;
-    printfring::cpu::globalPrintfBuffer = r.base;
-    printfring::cpu::printfBufferLength = int(length);
-    __atomic_store_n(&printfring::cpu::printfBufferPtr, r.base, __ATOMIC_RELEASE);
-    return 0;
+    CpuRingMemory memory;
+    return printfring::initRing(memory, g_cpuRing, bytes);
 }
 
 int printfRingDisplay(FILE* stream, bool showThreadIds) {
@@ -64,23 +60,14 @@ int printfRingDisplay(FILE* stream, bool showThreadIds) {
     return printfring::displayRing(memory, g_cpuRing, stream, showThreadIds);
 }
 
-// Frees the ring and disarms the cursor, so that a kernel that prints after
-// this finds no ring instead of freed memory.
 void printfRingEnd() {
-    printfring::HostRing& r = g_cpuRing;
-    if (r.hostCursor != 0 && r.base != 0) {
-        __atomic_store_n(&printfring::cpu::printfBufferPtr, 0ull, __ATOMIC_RELEASE);
-        std::free(reinterpret_cast<void*>(r.base));
-        r.base = 0;
-        r.hostCursor = 0;
-    }
+    CpuRingMemory memory;
+    printfring::endRing(memory, g_cpuRing);
 }
 
 int printfRingCopy(void* destination, size_t bytes) {
-    const printfring::HostRing& r = g_cpuRing;
-    if (r.base == 0) return 1;
-    std::memcpy(destination, reinterpret_cast<const void*>(r.base), bytes < r.length ? bytes : r.length);
-    return 0;
+    CpuRingMemory memory;
+    return printfring::copyRing(memory, g_cpuRing, destination, bytes);
 }
 
 }  // namespace tessaline::cpu

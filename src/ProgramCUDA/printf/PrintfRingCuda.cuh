@@ -17,6 +17,27 @@ namespace {
 printfring::HostRing g_cudaRing;
 
 struct CudaRingMemory {
+    void* allocate(unsigned bytes) {
+        void* ring = nullptr;
+        if (cudaMalloc(&ring, bytes) != cudaSuccess) {
+            cudaGetLastError();
+            return nullptr;
+        }
+        return ring;
+    }
+    void freeRing(unsigned long long base) { cudaFree(reinterpret_cast<void*>(base)); }
+    void arm(unsigned long long base, unsigned length) {
+        const int rules[2] = {-1, -1};
+        const int lengthValue = int(length);
+        cudaMemcpyToSymbol(printfring::restrictRules, rules, sizeof rules);
+        cudaMemcpyToSymbol(printfring::globalPrintfBuffer, &base, sizeof base);
+        cudaMemcpyToSymbol(printfring::printfBufferLength, &lengthValue, sizeof lengthValue);
+        cudaMemcpyToSymbol(printfring::printfBufferPtr, &base, sizeof base);
+    }
+    void disarm() {
+        const unsigned long long none = 0;
+        cudaMemcpyToSymbol(printfring::printfBufferPtr, &none, sizeof none);
+    }
     void copy(void* dst, unsigned long long address, size_t bytes) {
         cudaMemcpy(dst, reinterpret_cast<const void*>(address), bytes, cudaMemcpyDeviceToHost);
     }
@@ -30,29 +51,9 @@ struct CudaRingMemory {
 
 }  // namespace
 
-void printfRingEnd();
-
 int printfRingInit(size_t bytes) {
-    if (bytes > size_t(0x7FFFFF00u)) return 3;  // the length is a 32-bit value
-    printfRingEnd();  // a ring still armed is replaced, not leaked
-    const unsigned length = printfring::ringLengthFor(bytes);
-    void* ring = nullptr;
-    if (cudaMalloc(&ring, length) != cudaSuccess || ring == nullptr) {
-        cudaGetLastError();
-        return 3;
-    }
-    printfring::HostRing& r = g_cudaRing;
-    r.base = reinterpret_cast<unsigned long long>(ring);
-    r.length = length;
-    cudaMemset(ring, 0, length);
-    r.hostCursor = r.base;
-    const int rules[2] = {-1, -1};
-    const int lengthValue = int(length);
-    cudaMemcpyToSymbol(printfring::restrictRules, rules, sizeof rules);
-    cudaMemcpyToSymbol(printfring::globalPrintfBuffer, &r.base, sizeof r.base);
-    cudaMemcpyToSymbol(printfring::printfBufferPtr, &r.base, sizeof r.base);
-    cudaMemcpyToSymbol(printfring::printfBufferLength, &lengthValue, sizeof lengthValue);
-    return 0;
+    CudaRingMemory memory;
+    return printfring::initRing(memory, g_cudaRing, bytes);
 }
 
 int printfRingDisplay(FILE* stream, bool showThreadIds) {
@@ -60,25 +61,14 @@ int printfRingDisplay(FILE* stream, bool showThreadIds) {
     return printfring::displayRing(memory, g_cudaRing, stream, showThreadIds);
 }
 
-// Frees the ring and disarms the cursor, so that a kernel that prints after
-// this finds no ring instead of freed memory.
 void printfRingEnd() {
-    printfring::HostRing& r = g_cudaRing;
-    if (r.hostCursor != 0 && r.base != 0) {
-        cudaFree(reinterpret_cast<void*>(r.base));
-        const unsigned long long none = 0;
-        cudaMemcpyToSymbol(printfring::printfBufferPtr, &none, sizeof none);
-        r.base = 0;
-        r.hostCursor = 0;
-    }
+    CudaRingMemory memory;
+    printfring::endRing(memory, g_cudaRing);
 }
 
 int printfRingCopy(void* destination, size_t bytes) {
-    const printfring::HostRing& r = g_cudaRing;
-    if (r.base == 0) return 1;
-    cudaMemcpy(destination, reinterpret_cast<const void*>(r.base), bytes < r.length ? bytes : r.length,
-               cudaMemcpyDeviceToHost);
-    return 0;
+    CudaRingMemory memory;
+    return printfring::copyRing(memory, g_cudaRing, destination, bytes);
 }
 
 }  // namespace tessaline::cuda

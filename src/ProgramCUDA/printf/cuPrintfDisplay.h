@@ -1,6 +1,11 @@
 // Host side of the printf ring shared by both backends: the ring's host
-// state and the walk that expands the records onto a stream. A backend
-// supplies the memory access: `Memory` has
+// state, its life (arm, copy, free) and the walk that expands the records
+// onto a stream. A backend supplies the memory: `Memory` has
+//   void* allocate(unsigned bytes);  // the ring's memory, nullptr on failure
+//   void freeRing(unsigned long long base);
+//   void arm(unsigned long long base, unsigned length);  // printing variables
+//                                   // set, the write cursor last
+//   void disarm();                  // the write cursor to 0: kernels print nothing
 //   void copy(void* dst, unsigned long long address, size_t bytes);  // ring to host
 //   unsigned long long cursor();    // the current value of the write cursor
 //   void clear();                   // every byte of the ring to 0
@@ -81,6 +86,43 @@ int displayRing(Memory& memory, HostRing& ring, FILE* stream, bool showThreadIds
     }
     std::fflush(ring.stream);
     memory.clear();
+    return 0;
+}
+
+// Frees the ring and disarms the cursor first, so that a kernel that prints
+// after this finds no ring instead of freed memory.
+template <class Memory>
+void endRing(Memory& memory, HostRing& ring) {
+    if (ring.hostCursor == 0 || ring.base == 0) return;
+    memory.disarm();
+    memory.freeRing(ring.base);
+    ring.base = 0;
+    ring.hostCursor = 0;
+}
+
+// Arms a ring of `bytes` (rounded by ringLengthFor); one still armed is
+// replaced, not leaked. Returns 3 when it cannot be had, else 0.
+template <class Memory>
+int initRing(Memory& memory, HostRing& ring, size_t bytes) {
+    if (bytes > size_t(0x7FFFFF00u)) return 3;  // the length is a 32-bit value
+    endRing(memory, ring);
+    const unsigned length = ringLengthFor(bytes);
+    void* base = memory.allocate(length);
+    if (base == nullptr) return 3;
+    ring.base = reinterpret_cast<unsigned long long>(base);
+    ring.length = length;
+    memory.clear();
+    ring.hostCursor = ring.base;
+    memory.arm(ring.base, length);
+    return 0;
+}
+
+// Copies the ring's first bytes (at most its length) to the host; 1 when no
+// ring exists.
+template <class Memory>
+int copyRing(Memory& memory, const HostRing& ring, void* destination, size_t bytes) {
+    if (ring.base == 0) return 1;
+    memory.copy(destination, ring.base, bytes < ring.length ? bytes : ring.length);
     return 0;
 }
 

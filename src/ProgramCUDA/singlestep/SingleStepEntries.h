@@ -16,7 +16,7 @@
 #include "LaunchGeometry.h"
 #include "backend/DeviceMemory.h"
 #include "backend/EntryPoint.h"
-#include "optimization/MeshArguments.h"
+#include "MeshArguments.h"
 #include "optimization/MeshKernels.h"
 #include "optimization/MeshOptimization.h"
 #include "optimization/PhotometricGradientKernels.h"
@@ -67,9 +67,7 @@ DeviceStatus perspectiveWarpEntry(Backend& be, const PerspectiveWarpArgs& a) {
 inline bool argumentsPass(const PairGradientArgs& a) {
     ArgumentCheck check("AddPhotometricGradient_ImagePair_CUDA");
     checkPairImages(check, a.width, a.height);
-    check.count(a.num_f, "negative facet count");
-    check.count(a.num_v, "negative vertex count");
-    check.require(tripleFitsIntIndex(a.num_v) && tripleFitsIntIndex(a.num_f), "mesh too large");
+    checkMeshCounts(check, a.num_v, a.num_f);
     const long long pixels = (long long)a.width * a.height;
     check.array(a.facets, a.num_f, "facets missing");
     check.array(a.facet_normals, a.num_f, "facet_normals missing");

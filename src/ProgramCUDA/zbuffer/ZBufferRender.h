@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "LaunchGeometry.h"
+#include "MeshArguments.h"
 #include "backend/DeviceMemory.h"
 #include "backend/EntryPoint.h"
 #include "printf/PrintfBracket.h"
@@ -69,11 +70,9 @@ void renderInBands(Backend& be, const float* d_vertices, int num_f, const int* d
 
 inline bool argumentsPass(const ZBufferArgs& a) {
     ArgumentCheck check("TriMesh_Image_ZBuffering_CUDA");
-    check.count(a.num_v, "negative vertex count");
-    check.count(a.num_f, "negative facet count");
+    checkMeshCounts(check, a.num_v, a.num_f);
     check.count(a.LU, "negative area width");
     check.count(a.LV, "negative area height");
-    check.require(tripleFitsIntIndex(a.num_v) && tripleFitsIntIndex(a.num_f), "mesh too large");
     check.require(imageFitsIntIndex(a.LU, a.LV), "area too large");
     if (check.problem) return check.passed();
     const long long pixels = (long long)a.LU * a.LV;
@@ -83,8 +82,7 @@ inline bool argumentsPass(const ZBufferArgs& a) {
     check.array(a.facet_image, pixels, "facet_image missing");
     check.array(a.bary_b_image, pixels, "bary_b_image missing");
     check.array(a.bary_c_image, pixels, "bary_c_image missing");
-    for (long long i = 0; i < 3LL * a.num_f && !check.problem; ++i)
-        check.require(a.facets[i] >= 0 && a.facets[i] < a.num_v, "facet with a vertex index out of range");
+    checkFacetIndices(check, a.num_v, a.num_f, a.facets);  // the second pass follows them
     return check.passed();
 }
 

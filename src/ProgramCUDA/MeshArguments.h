@@ -6,6 +6,14 @@
 
 namespace tessaline {
 
+// Counts of a mesh: not negative, and small enough that the int 3*id
+// indices of its per-vertex and per-facet arrays fit.
+inline void checkMeshCounts(ArgumentCheck& check, int num_v, int num_f) {
+    check.count(num_v, "negative vertex count");
+    check.count(num_f, "negative facet count");
+    check.require(tripleFitsIntIndex(num_v) && tripleFitsIntIndex(num_f), "mesh too large");
+}
+
 // Every facet's three vertex indices lie in 0..num_v-1.
 inline void checkFacetIndices(ArgumentCheck& check, int num_v, int num_f, const int* facets) {
     for (long long i = 0; i < 3LL * num_f && !check.problem; ++i)
