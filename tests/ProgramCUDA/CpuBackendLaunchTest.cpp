@@ -1,6 +1,7 @@
 // The CPU backend's launches split the index space among worker threads:
 // every element of the grid, idle tail included, must run exactly once,
-// on the serial path of small launches and the parallel path of large ones.
+// on the serial path of small launches and the parallel path of large ones;
+// kernels must therefore stop at their count, as the array fills do.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -9,6 +10,7 @@
 
 #include "backend/CpuBackend.h"
 #include "backend/CpuThreads.h"
+#include "optimization/MeshKernels.h"
 
 namespace {
 
@@ -30,6 +32,19 @@ TEST(CpuBackendLaunch, EveryThreadOfTheGridRunsExactlyOnce) {
             runs[size_t(y) * spanX + x]++;
         });
         for (size_t e = 0; e < runs.size(); ++e) ASSERT_EQ(runs[e], 1) << w << "x" << h << " " << e;
+    }
+}
+
+TEST(CpuBackendLaunch, ArrayFillsFillExactlyTheirCount) {
+    for (int n : {0, 1, 511, 512, 513}) {
+        std::vector<float> f(size_t(n) + 4, -3.0f);
+        std::vector<int> i(size_t(n) + 4, -3);
+        CpuBackend().launch(WideRun{n}, Kernel_Set_FloatArray{n, f.data(), 2.5f});
+        CpuBackend().launch(WideRun{n}, Kernel_Set_IntArray{n, i.data(), 9});
+        for (int k = 0; k < n + 4; ++k) {
+            ASSERT_EQ(f[k], k < n ? 2.5f : -3.0f) << n << " " << k;
+            ASSERT_EQ(i[k], k < n ? 9 : -3) << n << " " << k;
+        }
     }
 }
 

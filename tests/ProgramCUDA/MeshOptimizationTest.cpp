@@ -11,25 +11,19 @@
 
 namespace {
 
-using tessaline::test::OneRings;
-using tessaline::test::PlaneScene;
+using namespace tessaline::test;
 constexpr int W = PlaneScene::W, H = PlaneScene::H;
 
-// The scene's vertices after the call; what it printed and returned go to
-// `output` and `status` when given, and otherwise the call must succeed.
+// The scene's vertices after the call, which must succeed; what it printed
+// goes to `output` when given.
 std::vector<float> optimise(const DeviceHandle& device, const PlaneScene& s, const std::vector<uint8_t>& pairs,
-                            int iterations, bool firstOrder, std::string* output = nullptr,
-                            DeviceStatus* status = nullptr, int width = W) {
+                            int iterations, bool firstOrder, std::string* output = nullptr) {
     std::vector<float> v = s.mesh.vertices;
-    const MeshOptimizationArgs args = tessaline::test::optimizationArgs(s, v, pairs, iterations, firstOrder, width);
-    DeviceStatus returned = DeviceStatus::Failed;
-    const std::string out =
-        tessaline::test::printedBy([&] { returned = Integrated_Mesh_Optimization_CUDA(device, args); });
+    DeviceStatus status = DeviceStatus::Failed;
+    const std::string out = printedBy(
+        [&] { status = Integrated_Mesh_Optimization_CUDA(device, optimizationArgs(s, v, pairs, iterations, firstOrder)); });
+    EXPECT_EQ(status, DeviceStatus::Ok) << out;
     if (output) *output = out;
-    if (status)
-        *status = returned;
-    else
-        EXPECT_EQ(returned, DeviceStatus::Ok) << out;
     return v;
 }
 
@@ -60,7 +54,7 @@ void expectNear(const std::vector<float>& got, const std::vector<float>& want, f
     for (size_t i = 0; i < got.size(); ++i) EXPECT_NEAR(got[i], want[i], tol) << "coordinate " << i;
 }
 
-class MeshOptimization : public tessaline::test::OnEachBackend {};
+class MeshOptimization : public OnEachBackend {};
 
 TEST_P(MeshOptimization, OnlySmoothnessMovesWithoutPairsOrWithOneCamera) {
     PlaneScene three(3, 0.0, 0.05f);
@@ -96,7 +90,7 @@ TEST_P(MeshOptimization, DisplacedPlaneMovesTowardTheTrueSurface) {
 TEST_P(MeshOptimization, PairsThroughACameraThatSeesNothingAddNothing) {
     PlaneScene scene(3, 0.03);
     const double c[3] = {0.0, 0.3, -1.9}, away[3] = {0.0, 0.3, -5.0}, up[3] = {0, -1, 0};
-    scene.cameras[2] = tessaline::test::lookAtCamera(c, away, up, 100.0, 100.0, 47.5, 39.5);
+    scene.cameras[2] = lookAtCamera(c, away, up, 100.0, 100.0, 47.5, 39.5);
     // Atomic sums in any thread order: each run's gradients may differ in the
     // last bits, which three steps grow to a few 1e-6 (moves are about 1e-2).
     expectNear(optimise(device(), scene, {0, 1, 1, 1, 0, 1, 1, 1, 0}, 3, true),
@@ -128,11 +122,11 @@ TEST_P(MeshOptimization, RefusesInconsistentArgumentsAndTouchesNothing) {
     PlaneScene scene(2, 0.03);
     const PlaneScene good = scene;
     auto refused = [&](int width) {
-        std::string out;
-        DeviceStatus status = DeviceStatus::Ok;
-        EXPECT_EQ(optimise(device(), scene, {0, 1, 1, 0}, 2, true, &out, &status, width), good.mesh.vertices);
-        EXPECT_EQ(status, DeviceStatus::Refused) << out;
-        EXPECT_TRUE(tessaline::test::isRefusal(out, "Integrated_Mesh_Optimization_CUDA: ")) << out;
+        std::vector<float> v = scene.mesh.vertices;
+        expectRefused("Integrated_Mesh_Optimization_CUDA: ", [&] {
+            return Integrated_Mesh_Optimization_CUDA(device(), optimizationArgs(scene, v, {0, 1, 1, 0}, 2, true, width));
+        });
+        EXPECT_EQ(v, good.mesh.vertices);
         scene = good;
     };
     refused(-W);

@@ -83,6 +83,7 @@ TEST_P(NccEntryPoints, MatchTheDoubleReference) {
     } sizes[] = {{15, 17, 2}, {16, 16, 2}, {17, 15, 2}, {33, 31, 2}, {33, 20, 1},
                  {20, 33, 3}, {12, 10, 0}, {4, 9, 2},   {9, 4, 2}};
     for (const auto [W, H, h] : sizes) {
+        SCOPED_TRACE(testing::Message() << W << "x" << H << " h " << h);
         const auto [A, B] = randomImages(W, H, 11u * W + H);
         const Reference r(A, B, W, H, h);
         std::vector<float> grad(A.size(), 5.0f), cc(A.size(), 5.0f), cc2(A.size());
@@ -92,13 +93,12 @@ TEST_P(NccEntryPoints, MatchTheDoubleReference) {
                   DeviceStatus::Ok);
         ASSERT_EQ(Compute_CC_CUDA(device(), CcArgs{W, H, A.data(), B.data(), cc2.data(), mask2.data(), h}),
                   DeviceStatus::Ok);
-        EXPECT_EQ(mask, r.mask) << W << "x" << H << " h " << h;
-        EXPECT_EQ(mask2, r.mask) << W << "x" << H << " h " << h;
-        EXPECT_EQ(cc2, cc) << W << "x" << H << " h " << h;
+        EXPECT_EQ(mask, r.mask);
+        EXPECT_EQ(mask2, r.mask);
+        EXPECT_EQ(cc2, cc);
         for (size_t p = 0; p < A.size(); ++p) {
-            EXPECT_NEAR(cc[p], r.cc[p], 2e-5) << W << "x" << H << " h " << h << " at " << p;
-            EXPECT_NEAR(grad[p], r.grad[p], 2e-5 * r.gradScale[p] + 1e-12)
-                << W << "x" << H << " h " << h << " at " << p;
+            EXPECT_NEAR(cc[p], r.cc[p], 2e-5) << "at " << p;
+            EXPECT_NEAR(grad[p], r.grad[p], 2e-5 * r.gradScale[p] + 1e-12) << "at " << p;
         }
     }
 }
@@ -114,10 +114,7 @@ TEST_P(NccEntryPoints, RefuseBadArgumentsWithoutTouchingTheOutputs) {
                  device(), NccGradArgs{4, 4, img.data(), img.data(), grad.data(), cc.data(), mask.data(), -1});
          }}};
     for (const auto& [entry, call] : cases) {
-        DeviceStatus status = DeviceStatus::Ok;
-        const std::string out = tessaline::test::printedBy([&] { status = call(); });
-        EXPECT_EQ(status, DeviceStatus::Refused) << entry;
-        EXPECT_TRUE(tessaline::test::isRefusal(out, entry)) << out;
+        tessaline::test::expectRefused(entry, call);
         EXPECT_TRUE(grad == img && cc == img && mask == std::vector<uint8_t>(16, 3)) << entry;
     }
 }

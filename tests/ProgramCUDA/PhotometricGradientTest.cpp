@@ -38,12 +38,9 @@ TEST(PhotometricGradient, DescentDirectionAgreesWithFiniteDifferencesOfTheScore)
     // optimiser's own call record.
     tessaline::test::PlaneScene s(3, 0.03);
     const std::vector<uint8_t> pairs(9, 1);
-    const MeshOptimizationArgs args{s.mesh.numV(), s.mesh.vertices.data(), s.mesh.numF(), s.mesh.facets.data(),
-                                    int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
-                                    s.rings.offsets.data(), 3, s.W, s.H, s.cameras.data(), s.images.data(), 1,
-                                    pairs.data(), true};
+    const MeshOptimizationArgs args = tessaline::test::optimizationArgs(s, s.mesh.vertices, pairs, 1, true);
     CpuBackend be;
-    MeshOptimizationCall<CpuBackend> call(be, args);
+    MeshOptimizationCall<CpuBackend> call(be, args);  // keeps a reference to args
     call.allocate();
     call.meanDepthPass();
     const double start = score(call);
@@ -119,32 +116,33 @@ struct OnePixel {
     }
 };
 
-TEST(PhotometricGradient, CosineLimitIsTheDoubleMinusOneTenth) {
-    // The float nearest -0.1 lies below the double -0.1 and contributes.
+// The integrated kernel ends a pixel at a cosine above the double -0.1; the
+// per-pair kernel lets more grazing pixels through, up to the double -0.01.
+// The floats nearest those limits lie on either side of them.
+TEST(PhotometricGradient, CosineLimitsAreTheDoublesMinusOneTenthAndMinusOneHundredth) {
     ASSERT_LT(double(-0.1f), -0.1);
-    const OnePixel in(-0.1f);
-    EXPECT_EQ(in.hits, std::vector<float>(3, 1.0f));
+    ASSERT_GT(double(-0.01f), -0.01);
+    const struct {
+        float nz;
+        bool perPair, reached;
+    } cases[] = {{-0.1f, false, true},  {std::nextafter(-0.1f, 0.0f), false, false},
+                 {-0.05f, false, false}, {-0.05f, true, true},
+                 {std::nextafter(-0.01f, -1.0f), true, true}, {-0.01f, true, false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(testing::Message() << "cosine " << c.nz << (c.perPair ? ", per pair" : ", integrated"));
+        const OnePixel p(c.nz, c.perPair);
+        EXPECT_EQ(p.hits, std::vector<float>(3, c.reached ? 1.0f : 0.0f));
+        if (!c.reached) {
+            EXPECT_EQ(p.grad, std::vector<float>(9, 0.0f));
+        }
+    }
     // Weights 0.25, 0.25, 0.5 scale one motion along the normal. Moving away
     // (+z) darkens B, which g = 1 says raises the score: the gradient that
     // the descent subtracts has a negative z.
+    const OnePixel in(-0.1f);
     EXPECT_LT(in.grad[2], 0.0f);
     EXPECT_EQ(in.grad[5], in.grad[2]);
     EXPECT_FLOAT_EQ(in.grad[8], 2.0f * in.grad[2]);
-    // The next float toward zero lies above the limit: no gradient, no hit.
-    const OnePixel out(std::nextafter(-0.1f, 0.0f));
-    EXPECT_EQ(out.hits, std::vector<float>(3, 0.0f));
-    EXPECT_EQ(out.grad, std::vector<float>(9, 0.0f));
-}
-
-// The per-pair kernel lets more grazing pixels through: it ends a pixel only
-// at a cosine above the double -0.01.
-TEST(PhotometricGradient, PerPairCosineLimitIsTheDoubleMinusOneHundredth) {
-    const std::vector<float> reached(3, 1.0f), missed(3, 0.0f);
-    EXPECT_EQ(OnePixel(-0.05f, true).hits, reached);
-    EXPECT_EQ(OnePixel(-0.05f).hits, missed);
-    ASSERT_GT(double(-0.01f), -0.01);
-    EXPECT_EQ(OnePixel(std::nextafter(-0.01f, -1.0f), true).hits, reached);
-    EXPECT_EQ(OnePixel(-0.01f, true).hits, missed);
 }
 
 TEST(PairCounting, CountsEachVertexOncePerPairAndAveragesOverPairs) {

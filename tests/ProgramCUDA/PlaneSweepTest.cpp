@@ -8,10 +8,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <cstring>
 #include <cstdio>
 #include <functional>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -21,11 +19,7 @@
 
 namespace {
 
-using tessaline::test::OnEachBackend;
-using tessaline::test::planeCamera;
-using tessaline::test::planeDepth;
-using tessaline::test::printedBy;
-using tessaline::test::renderPlaneImage;
+using namespace tessaline::test;
 
 constexpr int W = 96, H = 80;
 constexpr double F = 100.0;
@@ -61,7 +55,7 @@ Scene frontalScene() {
     Scene s = makeScene(centres);
     for (const auto& c : centres) {
         const double moved[3] = {c[0], c[1], c[2] + 2.0}, target[3] = {0, 0, 2}, up[3] = {0, -1, 0};
-        s.relative.push_back(tessaline::test::lookAtCamera(moved, target, up, F, F, 0.5 * (W - 1), 0.5 * (H - 1)));
+        s.relative.push_back(lookAtCamera(moved, target, up, F, F, 0.5 * (W - 1), 0.5 * (H - 1)));
     }
     return s;
 }
@@ -70,7 +64,7 @@ Scene frontalScene() {
 // neighbour with `margin` pixels to spare: the cells that see the plane.
 bool seenByAll(const Scene& s, int x, int y, double margin) {
     double C[3], r[3];
-    tessaline::test::pixelRayD(s.cameras[0], x, y, C, r);
+    pixelRayD(s.cameras[0], x, y, C, r);
     const double d = planeDepth(s.cameras[0], x, y);
     const double X[3] = {C[0] + d * r[0], C[1] + d * r[1], C[2] + d * r[2]};
     for (int n = 1; n <= s.neighbours(); ++n) {
@@ -201,11 +195,29 @@ TEST_P(PlaneSweep, SubsampledGridReadsEverySubsampleThPixel) {
 // The two single-launch sweeps share the sweep and the scoring of a cell;
 // the inverse-distance sweep stands for both.
 
-TEST_P(PlaneSweep, TwoPlanesLeaveTheDepthUnwritten) {
-    // Value 0 is then scored: the point at infinity, which no neighbour sees.
-    const Maps m = invDepthSweep(device(), obliqueScene(), 0.45f, 0.01f, 2);
-    EXPECT_EQ(m.depth, std::vector<float>(m.depth.size(), 0.0f));
-    EXPECT_EQ(m.score, std::vector<float>(m.score.size(), -1.0f));
+// Cells that no neighbour sees score -1: with two planes only value 0 is
+// scored (the point at infinity, left unwritten as depth 0), a neighbour
+// that looks 56 degrees away from the reference sees none of its points,
+// and a negative inverse distance lies behind the reference.
+TEST_P(PlaneSweep, CellsThatNoNeighbourSeesScoreMinusOne) {
+    const Maps two = invDepthSweep(device(), obliqueScene(), 0.45f, 0.01f, 2);
+    EXPECT_EQ(two.depth, std::vector<float>(two.depth.size(), 0.0f));
+    EXPECT_EQ(two.score, std::vector<float>(two.score.size(), -1.0f));
+    Scene blind = makeScene({{0.3, -0.2, -2.0}});
+    const double c[3] = {0.3, -0.2, -2.0}, target[3] = {3.3, -0.2, 0.0}, up[3] = {0, -1, 0};
+    blind.cameras.push_back(lookAtCamera(c, target, up, F, F, 0.5 * (W - 1), 0.5 * (H - 1)));
+    const std::vector<uint8_t> img = renderPlaneImage(blind.cameras.back(), W, H);
+    blind.stack.insert(blind.stack.end(), img.begin(), img.end());
+    const Maps unseen = invDepthSweep(device(), blind, 0.42f, 0.01f, 12);
+    EXPECT_EQ(unseen.score, std::vector<float>(unseen.score.size(), -1.0f));
+    const Maps m = invDepthSweep(device(), obliqueScene(), -0.6f, 0.01f, 21);
+    int negative = 0;
+    for (size_t i = 0; i < m.depth.size(); ++i)
+        if (m.depth[i] < 0.0f) {
+            ++negative;
+            ASSERT_EQ(m.score[i], -1.0f) << i;
+        }
+    EXPECT_GT(negative, int(m.depth.size()) * 9 / 10);
 }
 
 // Flat images make every ncc exactly 0 and every cost 0.5: the strict test
@@ -221,27 +233,6 @@ TEST_P(PlaneSweep, FlatImagesKeepPlaneOne) {
                 EXPECT_EQ(m.score[y * W + x], 0.0f) << x << "," << y;
             }
         }
-}
-
-TEST_P(PlaneSweep, PointsThatNoNeighbourSeesScoreMinusOne) {
-    // A neighbour beside the reference that looks 56 degrees away: every
-    // point the reference sees falls outside its frame.
-    Scene blind = makeScene({{0.3, -0.2, -2.0}});
-    const double c[3] = {0.3, -0.2, -2.0}, target[3] = {3.3, -0.2, 0.0}, up[3] = {0, -1, 0};
-    blind.cameras.push_back(tessaline::test::lookAtCamera(c, target, up, F, F, 0.5 * (W - 1), 0.5 * (H - 1)));
-    const std::vector<uint8_t> img = renderPlaneImage(blind.cameras.back(), W, H);
-    blind.stack.insert(blind.stack.end(), img.begin(), img.end());
-    const Maps unseen = invDepthSweep(device(), blind, 0.42f, 0.01f, 12);
-    EXPECT_EQ(unseen.score, std::vector<float>(unseen.score.size(), -1.0f));
-    // A negative inverse distance lies behind the reference.
-    const Maps m = invDepthSweep(device(), obliqueScene(), -0.6f, 0.01f, 21);
-    int negative = 0;
-    for (size_t i = 0; i < m.depth.size(); ++i)
-        if (m.depth[i] < 0.0f) {
-            ++negative;
-            ASSERT_EQ(m.score[i], -1.0f) << i;
-        }
-    EXPECT_GT(negative, int(m.depth.size()) * 9 / 10);
 }
 
 TEST_P(PlaneSweep, HomographyBorderTestsAreStrict) {
@@ -261,47 +252,32 @@ TEST_P(PlaneSweep, BadArgumentsAreRefusedWithoutTouchingTheOutputs) {
     float *d = depth.data(), *sc = score.data();
     const DeviceHandle& dev = device();
     // Valid inputs, each case spoiling one of them.
-    auto homography = [&](int planes, int levels) {
-        return HomographySweepArgs{sweepInputs(s, s.relative, W, H, 1, d, sc, 1.9f, 0.1f, planes), levels};
+    auto inputs = [&](const std::vector<mycamera_cuda>& cameras, float start, float step, int planes) {
+        return sweepInputs(s, cameras, W, H, 1, d, sc, start, step, planes);
     };
-    auto invDepth = [&] { return InvDepthSweepArgs{sweepInputs(s, s.cameras, W, H, 1, d, sc, 0.5f, 0.01f, 5)}; };
-    auto height = [&] { return HeightSweepArgs{sweepInputs(s, s.cameras, W, H, 1, d, sc, 0.0f, 0.01f, 5)}; };
+    auto invDepth = [&](auto spoil) {
+        InvDepthSweepArgs a{inputs(s.cameras, 0.5f, 0.01f, 5)};
+        spoil(a.sweep);
+        return PlaneSweep_InvDepth_CUDA(dev, a);
+    };
+    auto height = [&](auto spoil) {
+        HeightSweepArgs a{inputs(s.cameras, 0.0f, 0.01f, 5)};
+        spoil(a.sweep);
+        return PlaneSweep_Height_CUDA(dev, a);
+    };
     const std::pair<const char*, std::function<DeviceStatus()>> cases[] = {
         {"PlaneSweep_Homography_CUDA",  // fewer than 3 planes
-         [&] { return PlaneSweep_Homography_CUDA(dev, homography(2, 1)); }},
+         [&] { return PlaneSweep_Homography_CUDA(dev, HomographySweepArgs{inputs(s.relative, 1.9f, 0.1f, 2), 1}); }},
         {"PlaneSweep_Homography_CUDA",  // a negative number of levels
-         [&] { return PlaneSweep_Homography_CUDA(dev, homography(5, -1)); }},
-        {"PlaneSweep_InvDepth_CUDA",  // no neighbour
-         [&] {
-             InvDepthSweepArgs a = invDepth();
-             a.sweep.num_neighbours = 0;
-             return PlaneSweep_InvDepth_CUDA(dev, a);
-         }},
-        {"PlaneSweep_InvDepth_CUDA",  // subsample 0
-         [&] {
-             InvDepthSweepArgs a = invDepth();
-             a.sweep.subsample = 0;
-             return PlaneSweep_InvDepth_CUDA(dev, a);
-         }},
-        {"PlaneSweep_Height_CUDA",  // no cameras
-         [&] {
-             HeightSweepArgs a = height();
-             a.sweep.cameras = nullptr;
-             return PlaneSweep_Height_CUDA(dev, a);
-         }},
-        {"PlaneSweep_Height_CUDA",  // no images
-         [&] {
-             HeightSweepArgs a = height();
-             a.sweep.image_stack = nullptr;
-             return PlaneSweep_Height_CUDA(dev, a);
-         }}};
+         [&] { return PlaneSweep_Homography_CUDA(dev, HomographySweepArgs{inputs(s.relative, 1.9f, 0.1f, 5), -1}); }},
+        {"PlaneSweep_InvDepth_CUDA", [&] { return invDepth([](SweepInputs& in) { in.num_neighbours = 0; }); }},
+        {"PlaneSweep_InvDepth_CUDA", [&] { return invDepth([](SweepInputs& in) { in.subsample = 0; }); }},
+        {"PlaneSweep_Height_CUDA", [&] { return height([](SweepInputs& in) { in.cameras = nullptr; }); }},
+        {"PlaneSweep_Height_CUDA", [&] { return height([](SweepInputs& in) { in.image_stack = nullptr; }); }}};
     for (const auto& [entry, call] : cases) {
-        DeviceStatus status = DeviceStatus::Ok;
-        const std::string out = printedBy([&] { status = call(); });
-        EXPECT_EQ(status, DeviceStatus::Refused) << out;
-        EXPECT_TRUE(tessaline::test::isRefusal(out, entry)) << out;
-        ASSERT_EQ(depth, std::vector<float>(depth.size(), 7.0f)) << out;
-        ASSERT_EQ(score, std::vector<float>(score.size(), 7.0f)) << out;
+        expectRefused(entry, call);
+        ASSERT_EQ(depth, std::vector<float>(depth.size(), 7.0f)) << entry;
+        ASSERT_EQ(score, std::vector<float>(score.size(), 7.0f)) << entry;
     }
 }
 
@@ -321,14 +297,9 @@ TEST(PlaneSweepParity, BackendsAgreeBitForBit) {
         maps[b][1] = heightSweep(devices[b], s, 0.3f, 0.01f, 61, plane);
         maps[b][2] = homographySweep(devices[b], f, 1.9f, 0.01f, 21, 2);
     }
-    auto differing = [](const std::vector<float>& a, const std::vector<float>& b) {
-        size_t n = a.size() == b.size() ? 0 : a.size() + b.size();
-        for (size_t i = 0; i < a.size() && i < b.size(); ++i) n += std::memcmp(&a[i], &b[i], sizeof(float)) != 0;
-        return n;
-    };
     for (int k = 0; k < 3; ++k) {
-        EXPECT_EQ(differing(maps[0][k].depth, maps[1][k].depth), 0u) << "depth cells differ, sweep " << k;
-        EXPECT_EQ(differing(maps[0][k].score, maps[1][k].score), 0u) << "score cells differ, sweep " << k;
+        EXPECT_TRUE(sameBits(maps[0][k].depth, maps[1][k].depth)) << "depth cells differ, sweep " << k;
+        EXPECT_TRUE(sameBits(maps[0][k].score, maps[1][k].score)) << "score cells differ, sweep " << k;
     }
 }
 

@@ -19,8 +19,7 @@
 
 namespace {
 
-using tessaline::test::OnEachBackend;
-using tessaline::test::printedBy;
+using namespace tessaline::test;
 
 constexpr int kValues = 70704;
 
@@ -124,11 +123,7 @@ TEST_P(PrintfRing, EmptyAndRepeatedDisplaysAndRefusedCallsPrintNothing) {
     ASSERT_EQ(cuPrintfInit(device(), 1048576), 0);
     const std::vector<float> g = gradient(1, 2, 3);
     // One value short of vertex 23567: refused before any launch.
-    DeviceStatus status = DeviceStatus::Ok;
-    const std::string out =
-        printedBy([&] { status = CHECK_FUNC_CUDA(device(), CheckFuncArgs{g.data(), kValues - 1, 1, 0}); });
-    EXPECT_EQ(status, DeviceStatus::Refused);
-    EXPECT_TRUE(tessaline::test::isRefusal(out, "CHECK_FUNC_CUDA")) << out;
+    expectRefused("CHECK_FUNC_CUDA", [&] { return CHECK_FUNC_CUDA(device(), CheckFuncArgs{g.data(), kValues - 1, 1, 0}); });
     const Shown none = display(true);
     EXPECT_EQ(none.status, 0);
     EXPECT_EQ(none.text, "");

@@ -19,23 +19,10 @@
 
 namespace {
 
-using tessaline::test::OnEachBackend;
-using tessaline::test::PlaneScene;
-using tessaline::test::printedBy;
+using namespace tessaline::test;
 
 constexpr int W = PlaneScene::W, H = PlaneScene::H;
 constexpr size_t kPixels = size_t(W) * H;
-
-tessaline::test::ZRender render(const DeviceHandle& device, const PlaneScene& s, int camera) {
-    return tessaline::test::zbuffer(device, s.mesh.vertices, s.mesh.facets, s.cameras[camera], W, H);
-}
-
-// The scene's images as the CPU sampler reads a layered texture.
-tessaline::LayeredTexture stackTexture(const PlaneScene& s) {
-    tessaline::LayeredTexture tex;
-    tex.data = s.images.data(), tex.width = W, tex.height = H, tex.layers = int(s.cameras.size());
-    return tex;
-}
 
 const uint8_t* image(const PlaneScene& s, int camera) { return s.images.data() + size_t(camera) * kPixels; }
 
@@ -43,60 +30,40 @@ const uint8_t* image(const PlaneScene& s, int camera) { return s.images.data() +
 // rendered on `device`.
 struct PairGradientInputs {
     PlaneScene scene{2, 0.0};
-    tessaline::test::ZRender ref, tar;
+    ZRender ref, tar;
     std::vector<float> normals, ncc;
     std::vector<uint8_t> mask;
 
     explicit PairGradientInputs(const DeviceHandle& device)
-        : ref(render(device, scene, 0)), tar(render(device, scene, 1)) {
+        : ref(zbuffer(device, scene.mesh.vertices, scene.mesh.facets, scene.cameras[0], W, H)),
+          tar(zbuffer(device, scene.mesh.vertices, scene.mesh.facets, scene.cameras[1], W, H)) {
         for (int f = 0; f < scene.mesh.numF(); ++f) normals.insert(normals.end(), {0.0f, 0.0f, -1.0f});
-        ncc.resize(kPixels);
-        for (size_t i = 0; i < kPixels; ++i) ncc[i] = std::sin(0.37f * float(i));
-        mask.assign(kPixels, 0);
-        for (size_t i = 0; i < kPixels; ++i) mask[i] = ref.facet[i] >= 0;
+        for (size_t i = 0; i < kPixels; ++i) ncc.push_back(std::sin(0.37f * float(i))), mask.push_back(ref.facet[i] >= 0);
     }
 
     DeviceStatus addOnDevice(const DeviceHandle& device, std::vector<float>& grad, std::vector<float>& hits) const {
         const auto& m = scene.mesh;
-        PairGradientArgs args;
-        args.num_f = m.numF();
-        args.facets = m.facets.data();
-        args.facet_normals = normals.data();
-        args.width = W;
-        args.height = H;
-        args.camera_ref = scene.cameras[0];
-        args.depth_ref = ref.depth.data();
-        args.facet_ref = ref.facet.data();
-        args.camera_tar = scene.cameras[1];
-        args.image_tar = image(scene, 1);
-        args.bary_b_ref = ref.b.data();
-        args.bary_c_ref = ref.c.data();
-        args.ncc_grad = ncc.data();
-        args.visible_mask = mask.data();
-        args.mean_depth_ref = 2.0f;
-        args.mean_depth_tar = 2.0f;
-        args.num_v = m.numV();
-        args.grad_photo = grad.data();
-        args.vt_pair_hits = hits.data();
-        return AddPhotometricGradient_ImagePair_CUDA(device, args);
+        return AddPhotometricGradient_ImagePair_CUDA(
+            device, PairGradientArgs{m.numF(), m.facets.data(), normals.data(), W, H, scene.cameras[0],
+                                     ref.depth.data(), ref.facet.data(), scene.cameras[1], image(scene, 1),
+                                     ref.b.data(), ref.c.data(), ncc.data(), mask.data(), 2.0f, 2.0f, m.numV(),
+                                     grad.data(), hits.data()});
     }
 
-    // The integrated kernel of the same pair, run here pixel by pixel, its
-    // fixed-point sums on the scale of the pair's mean depth 2. This runs on
-    // the host whatever the backend under test: a kernel reaches the CUDA
-    // backend only from CUDA code, which this test is not. Against the CPU
-    // the comparison is the stronger one: it requires the entry point on
-    // either backend to give the CPU's bytes, which holds exactly because
-    // the CPU sampler returns what the texture unit returns (TextureSampler
-    // tests) and the sums are fixed point.
+    // The integrated kernel of the same pair, run here on the host pixel by
+    // pixel, its fixed-point sums on the scale of the pair's mean depth 2.
+    // The entry point must give these bytes on either backend: the CPU
+    // sampler returns what the texture unit returns, and the sums are exact.
     void addIntegrated(std::vector<float>& grad, std::vector<float>& hits) const {
         const auto& m = scene.mesh;
         const tessaline::FixedPointScale scale = tessaline::fixedPointScaleFor(2.0f);
+        tessaline::LayeredTexture stack;  // the scene's images as the CPU sampler reads them
+        stack.data = scene.images.data(), stack.width = W, stack.height = H, stack.layers = 2;
         std::vector<unsigned long long> sums(grad.size(), 0);
         const tessaline::Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA k{
             {m.numF(), m.facets.data(), normals.data(), W, H, scene.cameras[0], ref.depth.data(), ref.facet.data(),
              scene.cameras[1], ref.b.data(), ref.c.data(), ncc.data(), mask.data(), 2.0f, 2.0f, sums.data(),
-             scale.toFixed, hits.data(), tessaline::StackLayerFetch{stackTexture(scene), 1}}};
+             scale.toFixed, hits.data(), tessaline::StackLayerFetch{stack, 1}}};
         for (int y = 0; y < H; ++y)
             for (int x = 0; x < W; ++x) k(x, y);
         for (size_t i = 0; i < grad.size(); ++i) grad[i] += tessaline::fromFixedPoint(sums[i], scale.toFloat);
@@ -191,10 +158,7 @@ TEST_P(SingleStep, BadArgumentsAreRefusedWithoutTouchingTheOutputs) {
                                                in.tar.depth.data(), image(s, 1), W, H, out.data()});
          }}};
     for (const auto& [entry, call] : cases) {
-        DeviceStatus status = DeviceStatus::Ok;
-        const std::string printed = printedBy([&] { status = call(); });
-        EXPECT_EQ(status, DeviceStatus::Refused) << entry;
-        EXPECT_TRUE(tessaline::test::isRefusal(printed, entry)) << printed;
+        expectRefused(entry, call);
         ASSERT_EQ(out, std::vector<float>(out.size(), 5.0f)) << entry;
         ASSERT_EQ(hits, std::vector<float>(hits.size(), 5.0f)) << entry;
         ASSERT_EQ(vertices, s.mesh.vertices) << entry;

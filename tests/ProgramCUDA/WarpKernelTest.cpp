@@ -26,13 +26,9 @@ struct WarpInputs {
     std::vector<int> facetRef;
     std::vector<uint8_t> stack;  // layer 1 is the target image
 
-    // The warp by the entry point on `device`, which must equal the
-    // integrated kernel's. That one runs on the CPU backend whatever the
-    // device: a kernel reaches the CUDA backend only from CUDA code, which
-    // this test is not. Against the CPU the comparison is the stronger one:
-    // the entry point must give the CPU's bytes on either backend, which
-    // holds exactly because the CPU sampler returns what the texture unit
-    // returns (TextureSampler tests).
+    // The warp by the entry point on `device`, which must give the bytes of
+    // the integrated kernel run on the CPU backend (the CPU sampler returns
+    // what the texture unit returns, so this holds on either backend).
     std::vector<float> run(const DeviceHandle& device) const {
         std::vector<float> warped(size_t(W) * H, 12345.0f), integrated = warped;
         EXPECT_EQ(Perspective_Image_Model_Image_Warp_CUDA(

@@ -1,7 +1,6 @@
 // The z-buffer against an independent brute-force render in double
 // precision, on every backend present.
 #include <gtest/gtest.h>
-#include <tbb/task_arena.h>
 
 #include <algorithm>
 #include <cmath>
@@ -13,16 +12,9 @@
 
 namespace {
 
-using tessaline::test::OnEachBackend;
-using tessaline::test::zbuffer;
+using namespace tessaline::test;
 
 constexpr float kClear = std::numeric_limits<float>::max();
-
-// Camera at the origin looking along +z: R = I, t = 0.
-mycamera_cuda frontCamera(double f, double cx, double cy) {
-    const double c[3] = {0, 0, 0}, target[3] = {0, 0, 1}, up[3] = {0, -1, 0};
-    return tessaline::test::lookAtCamera(c, target, up, f, f, cx, cy);
-}
 
 // A facet projected in double, with the renderer's margin rule (the same
 // truncation) and its winding: front-facing where det > 0.
@@ -63,17 +55,10 @@ TEST_P(ZBuffer, MatchesBruteForceRenderOfRandomFacets) {
     const int W = 97, H = 66;  // not multiples of the block sizes
     const mycamera_cuda cam = frontCamera(80.0, 48.3, 32.7);
     std::mt19937 rng(7);
-    std::uniform_real_distribution<float> U(-1.0f, 1.0f), Z(2.0f, 5.0f);
     std::vector<float> v;
     std::vector<int> f;
-    for (int t = 0; t < 60; ++t) {
-        const float cx = 0.45f * U(rng), cy = 0.3f * U(rng), cz = Z(rng);
-        for (int k = 0; k < 3; ++k) {
-            v.insert(v.end(), {(cx + 0.25f * U(rng)) * cz, (cy + 0.25f * U(rng)) * cz * 0.6f, cz + 0.3f * U(rng)});
-            f.push_back(int(v.size() / 3) - 1);
-        }
-    }
-    const tessaline::test::ZRender r = zbuffer(device(), v, f, cam, W, H);
+    addRandomFacets(rng, 60, 0.45f, 0.18f, 0.2f, 2.0f, 5.0f, 0.3f, false, v, f);
+    const ZRender r = zbuffer(device(), v, f, cam, W, H);
 
     std::vector<BruteFacet> bf;
     int kept = 0, back = 0;
@@ -140,8 +125,7 @@ TEST_P(ZBuffer, AreasAndFacetsThatCannotShowRenderNothing) {
                  {"facet with a vertex behind the camera", {3, 5, 4}, 100.0, 100},
                  {"no facet", {}, 100.0, 100}};
     for (const auto& c : cases) {
-        const tessaline::test::ZRender r =
-            zbuffer(device(), v, c.facets, frontCamera(c.f, 0.5 * c.side, 0.5 * c.side), c.side, c.side);
+        const ZRender r = zbuffer(device(), v, c.facets, frontCamera(c.f, 0.5 * c.side, 0.5 * c.side), c.side, c.side);
         EXPECT_EQ(r.depth, std::vector<float>(r.depth.size(), kClear)) << c.name;
         EXPECT_EQ(r.facet, std::vector<int>(r.facet.size(), -1)) << c.name;
     }
@@ -159,12 +143,9 @@ TEST_P(ZBuffer, TiesGoToTheLastFacetAndUncoveredPixelsKeepTheirValues) {
     for (bool front : {true, false}) {
         std::vector<int> facets;
         for (int copy = 0; copy < 600; ++copy) facets.insert(facets.end(), {0, front ? 2 : 1, front ? 1 : 2});
-        const size_t n = size_t(W) * H;
-        tessaline::test::ZRender r{std::vector<float>(n, kClear), std::vector<float>(n, 7.0f),
-                                   std::vector<float>(n, 8.0f), std::vector<int>(n, -1)};
-        ASSERT_EQ(tessaline::test::zbufferInto(device(), v, facets, cam, W, H, r), DeviceStatus::Ok);
+        const ZRender r = zbuffer(device(), v, facets, cam, W, H, 7.0f, 8.0f);
         int covered = 0;
-        for (size_t e = 0; e < n; ++e) {
+        for (size_t e = 0; e < r.depth.size(); ++e) {
             if (r.depth[e] == kClear) {
                 ASSERT_TRUE(r.facet[e] == -1 && r.b[e] == 7.0f && r.c[e] == 8.0f) << "pixel " << e;
                 continue;
@@ -181,30 +162,5 @@ TEST_P(ZBuffer, TiesGoToTheLastFacetAndUncoveredPixelsKeepTheirValues) {
 }
 
 TESSALINE_INSTANTIATE_ON_BACKENDS(ZBuffer);
-
-// The CPU backend gives the same bytes with one worker thread as with all:
-// a render of many overlapping facets, large enough to run in parallel.
-TEST(ZBufferThreads, RenderIsTheSameOnOneThreadAndOnAll) {
-    const int W = 320, H = 240;
-    const mycamera_cuda cam = frontCamera(300.0, 160.3, 120.6);
-    std::mt19937 rng(99);
-    std::uniform_real_distribution<float> U(-1.0f, 1.0f), Z(2.0f, 6.0f);
-    std::vector<float> v;
-    std::vector<int> f;
-    for (int t = 0; t < 9000; ++t) {
-        const float cx = 0.4f * U(rng), cy = 0.3f * U(rng), cz = float(int(Z(rng)));  // equal depths: ties
-        for (int k = 0; k < 3; ++k) {
-            v.insert(v.end(), {(cx + 0.1f * U(rng)) * cz, (cy + 0.1f * U(rng)) * cz, cz});
-            f.push_back(int(v.size() / 3) - 1);
-        }
-    }
-    tessaline::test::ZRender one, all;
-    tbb::task_arena(1).execute([&] { one = zbuffer(cpuDevice(), v, f, cam, W, H); });
-    all = zbuffer(cpuDevice(), v, f, cam, W, H);
-    EXPECT_EQ(one.depth, all.depth);
-    EXPECT_EQ(one.facet, all.facet);
-    EXPECT_EQ(one.b, all.b);
-    EXPECT_EQ(one.c, all.c);
-}
 
 }  // namespace

@@ -1,25 +1,14 @@
 // Level data and the camera pair table.
 #include <gtest/gtest.h>
 
-#include <opencv2/core.hpp>
-
+#include "DriverTestSupport.h"
 #include "levelData.h"
 #include "refineMeshAtLevel.h"
 
 namespace {
 
 TEST(LevelData, ScalesFromTheFileValuesEveryTime) {
-    SfmScene scene;
-    for (int i = 0; i < 2; ++i) {
-        mycamera cam;
-        const double R[9] = {1, 0, 0, 0, 1, 0, 0, 0, 1};
-        std::copy(R, R + 9, cam.R);
-        cam.t[0] = 0.1 * i, cam.t[1] = 0, cam.t[2] = 5;
-        cam.fx = 1000, cam.fy = 900, cam.cx = 640, cam.cy = 480;
-        scene.cameras.push_back(cam);
-        scene.images.emplace_back(96, 128, CV_8UC1);
-        cv::randu(scene.images.back(), 0, 256);
-    }
+    const SfmScene scene = driver_test::twoCameraScene(1000, 900, 640, 480);
     std::vector<mycamera> cams;
     std::vector<cv::Mat> imgs, laps;
     buildLevelData(scene, 0.25f, cams, imgs, laps);

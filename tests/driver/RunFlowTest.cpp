@@ -14,13 +14,10 @@ struct RunResult {
     std::string out;
 };
 
-RunResult runTool(std::vector<std::string> args) {
-    args.insert(args.begin(), "tessaline_refine");
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    int status = -1;
-    const std::string out = scene_test::printedBy([&] { status = runTessalineRefine(int(argv.size()), argv.data()); });
-    return {status, out};
+RunResult runTool(const std::vector<std::string>& args) {
+    RunResult r;
+    r.status = scene_test::runMain(runTessalineRefine, "tessaline_refine", args, r.out);
+    return r;
 }
 
 using RunFlow = scene_test::TempFolderTest;

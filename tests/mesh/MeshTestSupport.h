@@ -1,6 +1,7 @@
 // Helpers of the mesh tests: meshes built by hand with their per-vertex
-// tables in step, a few closed shapes, host cameras looking along +z, the
-// devices present, and the capture of standard output.
+// tables in step, a few closed shapes and host cameras looking along +z.
+// The devices present and the capture of standard output come from the
+// device tests' support.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,42 +9,17 @@
 #include <cstdint>
 #include <cstring>
 #include <map>
-#include <string>
 #include <utility>
 #include <vector>
 
-#include "ProgramCUDA.h"
+#include "../support/DeviceTestSupport.h"
 #include "TriMesh.h"
 #include "mycamera.h"
 
 namespace meshtest {
 
 using V = std::vector<int32_t>;
-
-// What `call` prints on standard output.
-template <class Call>
-std::string printedBy(const Call& call) {
-    ::testing::internal::CaptureStdout();
-    call();
-    return ::testing::internal::GetCapturedStdout();
-}
-
-// Every device present: the CPU backend always, CUDA device 0 when one
-// answers. A fixture of OnEachDevice runs its tests once per device.
-inline std::vector<DeviceHandle> availableDevices() {
-    std::vector<DeviceHandle> devices{cpuDevice()};
-    if (cudaDeviceAvailable()) devices.push_back(cudaDevice());
-    return devices;
-}
-
-inline std::string deviceParamName(const ::testing::TestParamInfo<DeviceHandle>& info) {
-    return deviceBackendName(info.param.backend);
-}
-
-class OnEachDevice : public ::testing::TestWithParam<DeviceHandle> {
-protected:
-    const DeviceHandle& device() const { return GetParam(); }
-};
+using tessaline::test::printedBy;
 
 // A mesh with the primary tables of a freshly loaded PLY: attributes zero,
 // records at their defaults.

@@ -1,13 +1,16 @@
 // Test support for the device module: run a test on every backend present
-// (the CPU always, CUDA when a device answers), and build cameras without
-// OpenCV so that the device tests run on a GPU machine as they are.
+// (the CPU always, CUDA when a device answers), and build cameras and meshes
+// without OpenCV so that the device tests run on a GPU machine as they are.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstring>
+#include <functional>
 #include <limits>
 #include <ostream>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -41,8 +44,12 @@ inline std::string deviceParamName(const ::testing::TestParamInfo<DeviceHandle>&
 class OnEachBackend : public ::testing::TestWithParam<DeviceHandle> {
    protected:
     const DeviceHandle& device() const { return GetParam(); }
-    bool onCuda() const { return device().backend == DeviceBackend::Cuda; }
 };
+
+template <class T>
+bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
+}
 
 // What `call` prints on standard output.
 template <class Call>
@@ -53,41 +60,36 @@ std::string printedBy(const Call& call) {
 }
 
 // An entry point's refusal of its arguments, as printed: one line,
-// "Error: <entry>...". The call must also have returned DeviceStatus::Refused.
+// "Error: <entry>...".
 inline bool isRefusal(const std::string& printed, const std::string& entry) {
     return printed.rfind("Error: " + entry, 0) == 0 && printed.find('\n') + 1 == printed.size();
 }
 
-// The z-buffer of a mesh in a W x H camera, rendered from cleared buffers.
+// `call` must return DeviceStatus::Refused and print the refusal of `entry`.
+inline void expectRefused(const std::string& entry, const std::function<DeviceStatus()>& call) {
+    DeviceStatus status = DeviceStatus::Ok;
+    const std::string printed = printedBy([&] { status = call(); });
+    EXPECT_EQ(status, DeviceStatus::Refused) << entry << ": " << printed;
+    EXPECT_TRUE(isRefusal(printed, entry)) << printed;
+}
+
+// The z-buffer of a mesh in a W x H camera.
 struct ZRender {
     std::vector<float> depth, b, c;
     std::vector<int> facet;
 };
 
-// Renders the whole W x H image of `cam` into `r` as it stands.
-inline DeviceStatus zbufferInto(const DeviceHandle& device, const std::vector<float>& v, const std::vector<int>& f,
-                                const mycamera_cuda& cam, int W, int H, ZRender& r) {
-    ZBufferArgs args;
-    args.num_v = int(v.size() / 3);
-    args.vertices = v.data();
-    args.num_f = int(f.size() / 3);
-    args.facets = f.data();
-    args.camera = cam;
-    args.LU = W;
-    args.LV = H;
-    args.depth_image = r.depth.data();
-    args.facet_image = r.facet.data();
-    args.bary_b_image = r.b.data();
-    args.bary_c_image = r.c.data();
-    return TriMesh_Image_ZBuffering_CUDA(device, args);
-}
-
+// Renders the whole W x H image of `cam` into cleared depths and facets, and
+// weights b0 and c0; the call must succeed.
 inline ZRender zbuffer(const DeviceHandle& device, const std::vector<float>& v, const std::vector<int>& f,
-                       const mycamera_cuda& cam, int W, int H) {
+                       const mycamera_cuda& cam, int W, int H, float b0 = -1.0f, float c0 = -1.0f) {
     const size_t n = size_t(W) * H;
-    ZRender r{std::vector<float>(n, std::numeric_limits<float>::max()), std::vector<float>(n, -1.0f),
-              std::vector<float>(n, -1.0f), std::vector<int>(n, -1)};
-    EXPECT_EQ(zbufferInto(device, v, f, cam, W, H, r), DeviceStatus::Ok);
+    ZRender r{std::vector<float>(n, std::numeric_limits<float>::max()), std::vector<float>(n, b0),
+              std::vector<float>(n, c0), std::vector<int>(n, -1)};
+    EXPECT_EQ(TriMesh_Image_ZBuffering_CUDA(device, ZBufferArgs{int(v.size() / 3), v.data(), int(f.size() / 3),
+                                                                f.data(), cam, 0, 0, W, H, r.depth.data(),
+                                                                r.facet.data(), r.b.data(), r.c.data()}),
+              DeviceStatus::Ok);
     return r;
 }
 
@@ -130,6 +132,30 @@ inline mycamera_cuda lookAtCamera(const double centre[3], const double target[3]
     for (int i = 0; i < 3; ++i) cam.t[i] = float(t[i]);
     cam.fx = float(fx), cam.fy = float(fy), cam.cx = float(cx), cam.cy = float(cy);
     return cam;
+}
+
+// Camera at the origin looking along +z: R = I, t = 0.
+inline mycamera_cuda frontCamera(double f, double cx, double cy) {
+    const double c[3] = {0, 0, 0}, target[3] = {0, 0, 1}, up[3] = {0, -1, 0};
+    return lookAtCamera(c, target, up, f, f, cx, cy);
+}
+
+// `count` random facets of three vertices of their own, appended to v and f,
+// before frontCamera: each about a centre within +-spreadX, +-spreadY of the
+// axis at unit depth and at a depth in [zLo, zHi) (whole depths where `ties`,
+// so that many facets tie), its corners within +-size of it at unit depth and
+// +-jitter in depth.
+inline void addRandomFacets(std::mt19937& rng, int count, float spreadX, float spreadY, float size, float zLo,
+                            float zHi, float jitter, bool ties, std::vector<float>& v, std::vector<int>& f) {
+    std::uniform_real_distribution<float> U(-1.0f, 1.0f), Z(zLo, zHi);
+    for (int t = 0; t < count; ++t) {
+        const float cx = spreadX * U(rng), cy = spreadY * U(rng), cz = ties ? float(int(Z(rng))) : Z(rng);
+        for (int k = 0; k < 3; ++k) {
+            const float x = (cx + size * U(rng)) * cz, y = (cy + size * U(rng)) * cz;
+            v.insert(v.end(), {x, y, jitter > 0.0f ? cz + jitter * U(rng) : cz});
+            f.push_back(int(v.size() / 3) - 1);
+        }
+    }
 }
 
 }  // namespace tessaline::test

@@ -128,24 +128,10 @@ struct PlaneScene {
 inline MeshOptimizationArgs optimizationArgs(const PlaneScene& s, std::vector<float>& vertices,
                                              const std::vector<uint8_t>& pairs, int iterations, bool firstOrder,
                                              int width = PlaneScene::W) {
-    MeshOptimizationArgs args;
-    args.num_v = s.mesh.numV();
-    args.vertices = vertices.data();
-    args.num_f = s.mesh.numF();
-    args.facets = s.mesh.facets.data();
-    args.num_valence_entries = int(s.rings.list.size());
-    args.valence_list = s.rings.list.data();
-    args.valence_counts = s.rings.counts.data();
-    args.valence_offsets = s.rings.offsets.data();
-    args.num_cameras = int(s.cameras.size());
-    args.width = width;
-    args.height = PlaneScene::H;
-    args.cameras = s.cameras.data();
-    args.images = s.images.data();
-    args.iterations = iterations;
-    args.pair_mask = pairs.data();
-    args.first_order_smoothing = firstOrder;
-    return args;
+    return MeshOptimizationArgs{s.mesh.numV(), vertices.data(), s.mesh.numF(), s.mesh.facets.data(),
+                                int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
+                                s.rings.offsets.data(), int(s.cameras.size()), width, PlaneScene::H,
+                                s.cameras.data(), s.images.data(), iterations, pairs.data(), firstOrder};
 }
 
 }  // namespace tessaline::test

@@ -8,13 +8,12 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "../../scene/SceneTestSupport.h"
 
 namespace {
 
@@ -58,41 +57,30 @@ std::vector<Program> programs() {
     };
 }
 
-std::string withFolder(std::string s, const fs::path& folder) {
-    for (size_t at = s.find("@/"); at != std::string::npos; at = s.find("@/", at + 1))
-        s.replace(at, 1, folder.string());
+std::string withFolder(std::string s, const std::string& folder) {
+    for (size_t at = s.find("@/"); at != std::string::npos; at = s.find("@/", at + 1)) s.replace(at, 1, folder);
     return s;
 }
 
-class SharedCommandLine : public testing::TestWithParam<Program> {
+class SharedCommandLine : public testing::TestWithParam<Program>, public scene_test::TempFolder {
    protected:
-    fs::path folder;
-
-    void SetUp() override {
-        char name[] = "/tmp/tessaline_commandline_XXXXXX";
-        ASSERT_NE(mkdtemp(name), nullptr);
-        folder = name;
-    }
-    void TearDown() override { fs::remove_all(folder); }
-
     // Runs the program from the test's folder; returns its exit status and
     // what it printed on either stream, with the folder written back as "@".
     int run(const Args& args, std::string& output) {
-        std::string command = "cd '" + folder.string() + "' && '" + GetParam().binary + "'";
+        const std::string folder = dir().string();
+        std::string command = "cd '" + folder + "' && '" + GetParam().binary + "'";
         for (const std::string& a : args) command += " '" + withFolder(a, folder) + "'";
-        const fs::path log = folder.parent_path() / (folder.filename().string() + ".log");
-        command += " > '" + log.string() + "' 2>&1";
+        const std::string log = folder + ".log";  // beside the folder, which must stay empty
+        command += " > '" + log + "' 2>&1";
         const int status = std::system(command.c_str());
-        std::ifstream in(log);
-        output.assign(std::istreambuf_iterator<char>(in), {});
+        output = scene_test::readFile(log);
         fs::remove(log);
-        for (size_t at = output.find(folder.string()); at != std::string::npos;
-             at = output.find(folder.string(), at + 1))
-            output.replace(at, folder.string().size(), "@");
+        for (size_t at = output.find(folder); at != std::string::npos; at = output.find(folder, at + 1))
+            output.replace(at, folder.size(), "@");
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    bool folderEmpty() const { return fs::is_empty(folder); }
+    bool folderEmpty() const { return fs::is_empty(dir()); }
 };
 
 TEST_P(SharedCommandLine, HelpRefusalsAndFailuresExitAlike) {

@@ -3,17 +3,14 @@
 // file of a textured plane, including the arguments it refuses.
 #include <gtest/gtest.h>
 
-#include <unistd.h>
-
 #include <cmath>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
 #include <opencv2/imgcodecs.hpp>
 
+#include "../../scene/SceneTestSupport.h"
 #include "PlaneSceneSupport.h"
 #include "PlaneSweepCommand.h"
 
@@ -93,27 +90,23 @@ TEST(RelativeFrame, NeighboursSeeTheSamePointsInTheReferenceFrame) {
 
 constexpr int W = 96, H = 80;
 
-class PlaneSweepProgram : public ::testing::Test {
+class PlaneSweepProgram : public scene_test::TempFolderTest {
    protected:
-    fs::path dir;
     std::vector<mycamera_cuda> cams;
 
     void SetUp() override {
-        char tmpl[] = "/tmp/planesweep_test_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir = tmpl;
         // Reference 0 in front of the textured plane z = 0 at distance 2,
         // camera 1 standing where the reference stands, 2 and 3 beside it.
         const double centres[4][3] = {{0, 0, -2}, {0, 0, -2}, {-0.25, 0, -2}, {0, 0.25, -2}};
-        std::ofstream sfm(dir / "scene.sfm");
+        std::ofstream sfm(scene());
         sfm.precision(10);
         sfm << 4 << "\n";
         for (int i = 0; i < 4; ++i) {
             cams.push_back(tessaline::test::planeCamera(centres[i][0], centres[i][1], centres[i][2], 100, W, H));
             const std::vector<uint8_t> img = tessaline::test::renderPlaneImage(cams[i], W, H);
-            const fs::path png = dir / ("view" + std::to_string(i) + ".png");
-            ASSERT_TRUE(cv::imwrite(png.string(), cv::Mat(H, W, CV_8UC1, const_cast<uint8_t*>(img.data()))));
-            sfm << png.string();
+            const std::string png = path("view" + std::to_string(i) + ".png");
+            ASSERT_TRUE(cv::imwrite(png, cv::Mat(H, W, CV_8UC1, const_cast<uint8_t*>(img.data()))));
+            sfm << png;
             for (float v : cams[i].R) sfm << " " << v;
             for (float v : cams[i].t) sfm << " " << v;
             sfm << " " << cams[i].fx << " " << cams[i].fy << " " << cams[i].cx << " " << cams[i].cy << "\n";
@@ -121,19 +114,11 @@ class PlaneSweepProgram : public ::testing::Test {
         // Camera 1's only neighbour stands where it stands.
         sfm << "-1 1 -1 1 -0.1 0.1\n0 3 1 2 3\n1 1 0\n2 2 0 3\n3 2 0 2\n";
     }
-    void TearDown() override { fs::remove_all(dir); }
-
-    int run(std::vector<std::string> args, std::string& output) {
-        args.insert(args.begin(), "tessaline_planesweep");
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(a.data());
-        testing::internal::CaptureStdout();
-        const int status = planesweep_tool::runPlaneSweepCommand(int(argv.size()), argv.data());
-        output = testing::internal::GetCapturedStdout();
-        return status;
+    int run(const std::vector<std::string>& args, std::string& output) {
+        return scene_test::runMain(planesweep_tool::runPlaneSweepCommand, "tessaline_planesweep", args, output);
     }
-    std::string scene() const { return (dir / "scene.sfm").string(); }
-    std::string prefix() const { return (dir / "out").string(); }
+    std::string scene() const { return path("scene.sfm"); }
+    std::string prefix() const { return path("out"); }
 };
 
 TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlaneWithEverySweep) {
@@ -160,7 +145,7 @@ TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlaneWithEverySweep) {
     EXPECT_GT(good, checked * 9 / 10);
     // Only the three images are left: no temporary files.
     int files = 0;
-    for (const auto& e : fs::directory_iterator(dir)) files += e.path().string().rfind(prefix(), 0) == 0;
+    for (const auto& e : fs::directory_iterator(dir())) files += e.path().string().rfind(prefix(), 0) == 0;
     EXPECT_EQ(files, 3);
     // The other sweeps, with their ranges from the box and cells of 2 x 2 pixels.
     for (const char* method : {"homography", "height"}) {
@@ -172,7 +157,7 @@ TEST_F(PlaneSweepProgram, WritesDepthImagesThatRecoverThePlaneWithEverySweep) {
 }
 
 TEST_F(PlaneSweepProgram, RefusesBadOptionsAndUnusableInputsWithAnErrorLine) {
-    const std::string missing = (dir / "missing" / "out").string(), none = (dir / "none.sfm").string();
+    const std::string missing = path("missing/out");
     struct Case { std::vector<std::string> args; int status; std::string message; };
     const std::vector<Case> bad = {  // status 2: the command line is refused; 1: the run cannot go on
         {{scene(), "0", prefix(), "--method", "stereo"}, 2, "--method"},
@@ -186,7 +171,6 @@ TEST_F(PlaneSweepProgram, RefusesBadOptionsAndUnusableInputsWithAnErrorLine) {
         {{scene(), "7", prefix()}, 1, "the reference index 7 is not a camera of the scene (0 to 3)"},
         {{scene(), "1", prefix()}, 1, "camera 1 has no usable neighbour in the scene file"},
         {{scene(), "0", missing}, 1, "the output prefix " + missing + " does not name a file in a writable folder"},
-        {{none, "0", prefix()}, 1, "the scene " + none + " could not be loaded"},
     };
     for (const Case& c : bad) {
         std::string out;
@@ -206,14 +190,14 @@ TEST_F(PlaneSweepProgram, ASweepTheDeviceDoesNotCompleteWritesNothing) {
     request.planes = 9;
     for (const Method method : {Method::InvDepth, Method::Height, Method::Homography}) {
         request.method = method;
-        testing::internal::CaptureStdout();
-        const int status = planesweep_tool::runPlaneSweep(request, DeviceHandle{DeviceBackend::Cuda, 999});
-        const std::string out = testing::internal::GetCapturedStdout();
+        int status = 0;
+        const std::string out = scene_test::printedBy(
+            [&] { status = planesweep_tool::runPlaneSweep(request, DeviceHandle{DeviceBackend::Cuda, 999}); });
         EXPECT_EQ(status, 1) << out;
         EXPECT_NE(out.find("Error: "), std::string::npos) << out;
         EXPECT_EQ(out.find("plane sweep time"), std::string::npos) << out;
     }
-    for (const auto& e : fs::directory_iterator(dir))
+    for (const auto& e : fs::directory_iterator(dir()))
         EXPECT_NE(e.path().string().rfind(prefix(), 0), 0u) << e.path();
 }
 

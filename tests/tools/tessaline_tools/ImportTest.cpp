@@ -31,9 +31,9 @@ double meanReprojectionError(const ColmapModel& model, double shift) {
 
 void rewrite(ImportFixture& f, const char* file, const std::function<void(std::string&)>& change) {
     if (!fs::exists(f.dir / "model")) f.writeModel(std::string(file).find(".bin") != std::string::npos);
-    std::string s = readText(f.dir / "model" / file);
+    std::string s = readFile(f.dir / "model" / file);
     change(s);
-    writeText(f.dir / "model" / file, s);
+    writeFile(f.dir / "model" / file, s);
 }
 
 void patch64(std::string& s, size_t at, uint64_t v) { std::memcpy(&s[at], &v, 8); }
@@ -68,16 +68,14 @@ TEST_P(ImportRoundTrip, SceneLoadsFromTheOutputFolderWithTheSameCameras) {
     f.writeModel(GetParam());
     writeGreyImage(f.dir / "images" / "extra.png", 160, 120);
     writeGreyImage(f.dir / "images" / "sub" / "later.png", 160, 120);
-    testing::internal::CaptureStdout();
-    ASSERT_EQ(f.import(), "");
-    const std::string out = testing::internal::GetCapturedStdout();
+    std::string error;
+    const std::string out = printedBy([&] { error = f.import(); });
+    ASSERT_EQ(error, "");
     EXPECT_NE(out.find("left out 2 images the model did not register: extra.png sub/later.png\n"), std::string::npos)
         << out;
     SfmScene scene;
-    const fs::path before = fs::current_path();
-    fs::current_path(f.options.outDir);
-    const bool loaded = loadSfmScene(scene, "scene.sfm");
-    fs::current_path(before);
+    bool loaded = false;
+    scene_test::inFolder(f.options.outDir, [&] { loaded = loadSfmScene(scene, "scene.sfm"); });
     ASSERT_TRUE(loaded);
     ASSERT_EQ(scene.cameras.size(), f.ring.cameras.size());
     for (size_t i = 0; i < scene.cameras.size(); ++i) {
@@ -93,7 +91,7 @@ TEST_P(ImportRoundTrip, SceneLoadsFromTheOutputFolderWithTheSameCameras) {
     }
     EXPECT_FLOAT_EQ(scene.boundingBox[0], -0.55f);  // the cube, padded by 5% of its side
     EXPECT_FLOAT_EQ(scene.boundingBox[5], 0.55f);
-    const std::string mesh = readText(fs::path(f.options.outDir) / "mesh.ply");
+    const std::string mesh = readFile(fs::path(f.options.outDir) / "mesh.ply");
     EXPECT_NE(mesh.find("element vertex 8\n"), std::string::npos);
     EXPECT_NE(mesh.find("element face 12\n"), std::string::npos);  // six quads split in two
 }

@@ -74,7 +74,7 @@ std::string plyFile(const PlyLayout& l) {
 }  // namespace
 
 TEST(MeshReader, EveryPlyLayoutAndObjReadTheSameMesh) {
-    TempDir dir;
+    TempFolder dir;
     const std::vector<PlyLayout> layouts = {
         {"ascii float", "ascii", "float", "uchar", "int", false},
         {"ascii double, extras", "ascii", "double", "uchar", "uint", true},
@@ -86,7 +86,7 @@ TEST(MeshReader, EveryPlyLayoutAndObjReadTheSameMesh) {
     for (const PlyLayout& l : layouts) {
         SCOPED_TRACE(l.name);
         const bool obj = std::string(l.name) == "obj";
-        writeText(dir / (obj ? "m.obj" : "m.ply"),
+        writeFile(dir / (obj ? "m.obj" : "m.ply"),
                   obj ? "# a test\nmtllib x.mtl\no thing\nv 0 0 0\nv 1 0 0\nv 1 1 0\nv 0 1 0\nvt 0 0\nvn 0 0 1\n"
                         "f 1/1/1 2/1/1 3//1 4\r\nv 0.5 0.5 \\\n 1.1\ns off\nf -5 -3 -1\n"
                       : plyFile(l));
@@ -102,7 +102,7 @@ TEST(MeshReader, EveryPlyLayoutAndObjReadTheSameMesh) {
 }
 
 TEST(MeshReader, DamagedFilesAreRefused) {
-    TempDir dir;
+    TempFolder dir;
     const std::string bin = plyFile({"", "binary_little_endian", "float", "uchar", "int", false}),
                       ply = plyFile({"", "ascii", "float", "uchar", "int", false});
     auto replaced = [](std::string s, const std::string& from, const std::string& to) {
@@ -132,7 +132,7 @@ TEST(MeshReader, DamagedFilesAreRefused) {
         const bool other = bytes.size() > 4 && bytes[3] == ':';
         const fs::path p = dir / ("m." + (other ? bytes.substr(0, 3) : std::string("ply")));
         fs::remove(p);
-        if (!bytes.empty()) writeText(p, other ? bytes.substr(4) : bytes);
+        if (!bytes.empty()) writeFile(p, other ? bytes.substr(4) : bytes);
         const std::string error = errorMessage([&] { readMeshFile(p.string()); });
         EXPECT_NE(error.find(message), std::string::npos) << error;
     }

@@ -12,8 +12,8 @@ namespace {
 
 // The cube, its facets turned inside out when `flipped`.
 TriMesh cube(bool flipped) {
-    TempDir dir;
-    writeText(dir / "c.ply", cubePly());
+    TempFolder dir;
+    writeFile(dir / "c.ply", cubePly());
     MeshData m = readMeshFile((dir / "c.ply").string());
     for (size_t f = 0; flipped && f < m.facets.size(); f += 3) std::swap(m.facets[f + 1], m.facets[f + 2]);
     return toTriMesh(m);
@@ -30,8 +30,12 @@ struct RenderFixture : ImportFixture {
         options.camera = "view01.png";
         options.outPath = (dir / "view.png").string();
     }
-    std::string render(const DeviceHandle& device = cpuDevice()) {
-        return errorMessage([&] { runRender(options, device); });
+    std::string printed;  // by the last render
+    // Renders; returns the error message, or "" on success.
+    std::string render() {
+        std::string error;
+        printed = printedBy([&] { error = errorMessage([&] { runRender(options, cpuDevice()); }); });
+        return error;
     }
 };
 
@@ -72,25 +76,22 @@ TEST(RenderCommand, RefusesBadRequestsThenDrawsPanelsAndAHeatMapWithItsBar) {
     for (const auto& [spoil, message] : cases) {
         RenderOptions saved = f.options;
         spoil(f.options);
-        testing::internal::CaptureStdout();
         const std::string error = f.render();
-        testing::internal::GetCapturedStdout();
         EXPECT_NE(error.find(message), std::string::npos) << error;
         f.options = saved;
     }
-    EXPECT_EQ(std::distance(fs::directory_iterator(f.dir.path()), {}), 4);  // model, images, cube.ply, out
+    EXPECT_EQ(std::distance(fs::directory_iterator(f.dir.dir()), {}), 4);  // model, images, cube.ply, out
 
     ASSERT_EQ(f.render(), "");
     cv::Mat img = cv::imread(f.options.outPath, cv::IMREAD_COLOR);
     ASSERT_EQ(img.size(), cv::Size(3 * 160, 120));
     const cv::Vec3b centre = img.at<cv::Vec3b>(60, 160 + 80);  // the shaded panel: grey where the cube is
     EXPECT_TRUE(centre[0] > 60 && centre[0] == centre[2]);
-    writeText(f.dir / "bigger.ply", cubePly("0.6"));
+    writeFile(f.dir / "bigger.ply", cubePly("0.6"));
     f.options.comparePath = (f.dir / "bigger.ply").string();
     f.options.camera = "1";
-    testing::internal::CaptureStdout();
     ASSERT_EQ(f.render(), "");
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string& out = f.printed;
     img = cv::imread(f.options.outPath, cv::IMREAD_COLOR);
     ASSERT_EQ(img.cols, 3 * 160 + 120);
     // The cube faces lie 0.1 inside the bigger one: every distance is 0.1.
@@ -104,14 +105,14 @@ TEST(RenderCommand, RefusesBadRequestsThenDrawsPanelsAndAHeatMapWithItsBar) {
 // more, and no picture is written.
 TEST(RenderCommand, ARenderTheDeviceDoesNotCompleteWritesNothing) {
     RenderFixture f;
-    testing::internal::CaptureStdout();
     bool reported = false;
-    try {
-        runRender(f.options, DeviceHandle{DeviceBackend::Cuda, 999});
-    } catch (const ReportedFailure&) {
-        reported = true;
-    }
-    const std::string out = testing::internal::GetCapturedStdout();
+    const std::string out = printedBy([&] {
+        try {
+            runRender(f.options, DeviceHandle{DeviceBackend::Cuda, 999});
+        } catch (const ReportedFailure&) {
+            reported = true;
+        }
+    });
     EXPECT_TRUE(reported);
     EXPECT_NE(out.find("Error: "), std::string::npos) << out;
     EXPECT_FALSE(fs::exists(f.options.outPath));

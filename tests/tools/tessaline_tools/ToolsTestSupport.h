@@ -1,17 +1,11 @@
-// Test support for tessaline_tools: temporary folders, a ring of cameras
-// around a cube written as a COLMAP model in either format, photographs and
-// meshes on disk.
+// Test support for tessaline_tools: a ring of cameras around a cube written
+// as a COLMAP model in either format, photographs and meshes on disk.
 #pragma once
-
-#include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
@@ -19,6 +13,7 @@
 
 #include <opencv2/imgcodecs.hpp>
 
+#include "../../scene/SceneTestSupport.h"
 #include "ColmapModel.h"
 #include "ImportScene.h"
 #include "ToolError.h"
@@ -27,6 +22,10 @@ namespace tools_test {
 
 namespace fs = std::filesystem;
 using namespace tessaline_tools;
+using scene_test::printedBy;
+using scene_test::readFile;
+using scene_test::TempFolder;
+using scene_test::writeFile;
 
 // The message of the ToolError that `f` throws, or "" when it succeeds.
 template <class F>
@@ -37,30 +36,6 @@ std::string errorMessage(F&& f) {
         return e.what();
     }
     return "";
-}
-
-struct TempDir {
-    fs::path dir;
-    TempDir() {
-        char name[] = "/tmp/tessaline_tools_test.XXXXXX";
-        dir = mkdtemp(name);
-    }
-    ~TempDir() {
-        std::error_code ec;
-        fs::remove_all(dir, ec);
-    }
-    fs::path operator/(const std::string& s) const { return dir / s; }
-    const fs::path& path() const { return dir; }
-};
-
-inline void writeText(const fs::path& p, const std::string& s) {
-    fs::create_directories(p.parent_path());
-    std::ofstream(p, std::ios::binary) << s;
-}
-
-inline std::string readText(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline void writeGreyImage(const fs::path& p, int w, int h) {
@@ -170,9 +145,9 @@ inline void writeColmapText(const ColmapModel& m, const fs::path& dir) {
         for (const auto& el : p.track) pts << ' ' << el.imageId << ' ' << el.point2DIdx;
         pts << '\n';
     }
-    writeText(dir / "cameras.txt", cams.str());
-    writeText(dir / "images.txt", ims.str());
-    writeText(dir / "points3D.txt", pts.str());
+    writeFile(dir / "cameras.txt", cams.str());
+    writeFile(dir / "images.txt", ims.str());
+    writeFile(dir / "points3D.txt", pts.str());
 }
 
 // Little-endian records, as the binary model files hold them.
@@ -204,15 +179,15 @@ inline void writeColmapBinary(const ColmapModel& m, const fs::path& dir) {
         pts.put(uint64_t(p.track.size()));
         for (const auto& el : p.track) pts.put(el.imageId, el.point2DIdx);
     }
-    writeText(dir / "cameras.bin", cams.s);
-    writeText(dir / "images.bin", ims.s);
-    writeText(dir / "points3D.bin", pts.s);
+    writeFile(dir / "cameras.bin", cams.s);
+    writeFile(dir / "images.bin", ims.s);
+    writeFile(dir / "points3D.bin", pts.s);
 }
 
 // A complete import input: a ring model, its photographs and the cube, under
 // one temporary folder.
 struct ImportFixture {
-    TempDir dir;
+    TempFolder dir;
     RingScene ring = makeRingScene(6);
     ColmapModel model = ringToColmap(ring);
     ImportOptions options;
@@ -223,7 +198,7 @@ struct ImportFixture {
         options.meshPath = (dir / "cube.ply").string();
         options.outDir = (dir / "out").string();
         for (const std::string& n : ring.names) writeGreyImage(dir / "images" / n, ring.width, ring.height);
-        writeText(dir / "cube.ply", cubePly());
+        writeFile(dir / "cube.ply", cubePly());
     }
     void writeModel(bool binary) {
         fs::remove_all(dir / "model");
