@@ -1,5 +1,8 @@
-// The device module's public surface. Plain types only: no CUDA header is
-// seen by the code that includes this.
+// The root of the device module's public surface: devices, run context,
+// start-up and the z-buffer. Plain types only: no CUDA header is seen by the
+// code that includes this. The optimisation's entry points are declared in
+// ProgramCUDA_optimization.h, the dormant library's in ProgramCUDA_library.h;
+// both include this header and nothing includes them back.
 //
 // Every entry point takes the device that runs it, as a value (start-up
 // returns one; tests and tools make their own), and one record of
@@ -12,6 +15,7 @@
 #include <cstdint>
 #include <string>
 
+#include "RunContext.h"
 #include "mycamera.h"
 
 enum class DeviceBackend { Cpu, Cuda };
@@ -22,10 +26,12 @@ enum class DeviceStatus {
     Failed,   // a platform call failed; outputs may be incomplete
 };
 
-// The device that runs a call: the CPU backend, or a CUDA device by index.
+// The device that runs a call: the CPU backend, or a CUDA device by index,
+// and how the run executes on it.
 struct DeviceHandle {
     DeviceBackend backend = DeviceBackend::Cpu;
     int cudaDevice = 0;
+    RunContext context;
 };
 
 struct DeviceSetup {
@@ -37,15 +43,15 @@ struct DeviceSetup {
 
 // Start-up: selects, resets and measures the CUDA device of `deviceIndex`
 // (device 0, with a warning in the description, when that index does not
-// exist) when the build has CUDA, a device answers and TESSALINE_BACKEND is
-// not "cpu"; otherwise the CPU backend.
-DeviceSetup setupDevice(int deviceIndex);
+// exist) when the build has CUDA, a device answers and the context does not
+// ask for the CPU; otherwise the CPU backend. The handle carries `context`.
+DeviceSetup setupDevice(int deviceIndex, const RunContext& context = RunContext());
 // The CPU backend, always available.
-DeviceHandle cpuDevice();
+DeviceHandle cpuDevice(const RunContext& context = RunContext());
 // True when the build has CUDA and at least one device answers.
 bool cudaDeviceAvailable();
 // CUDA device 0 (selected for this thread), when cudaDeviceAvailable().
-DeviceHandle cudaDevice();
+DeviceHandle cudaDevice(const RunContext& context = RunContext());
 // Free and total memory of the device, in megabytes.
 void deviceMemoryInfo(const DeviceHandle& device, double& freeMB, double& totalMB);
 const char* deviceBackendName(DeviceBackend backend);
@@ -71,6 +77,3 @@ struct ZBufferArgs {
     float* bary_c_image = nullptr;
 };
 DeviceStatus TriMesh_Image_ZBuffering_CUDA(const DeviceHandle& device, const ZBufferArgs& args);
-
-#include "ProgramCUDA_optimization.h"
-#include "ProgramCUDA_library.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <iostream>
 
-#include "ProgramCUDA.h"
+#include "ProgramCUDA_optimization.h"
 
 std::vector<unsigned char> buildPairMask(const std::vector<std::vector<int>>& neighbourLists, int num_cameras) {
     std::vector<unsigned char> pair_mask(size_t(num_cameras) * size_t(num_cameras), 0);

@@ -11,6 +11,7 @@
 #include <opencv2/core.hpp>
 
 #include "ProgramCUDA.h"
+#include "RunEnvironment.h"
 #include "SfmScene.h"
 #include "TriMesh.h"
 #include "levelData.h"
@@ -88,8 +89,12 @@ int run(int argc, char** argv) {
     std::cout << "Level of Details " << levelOfDetails << std::endl;
     std::cout << std::endl;
 
-    // The device chosen here runs every call of the run.
-    const DeviceSetup setup = setupDevice(deviceIndex);
+    // The device chosen here runs every call of the run, under the context
+    // that the environment asks for.
+    std::vector<std::string> warnings;
+    const RunContext context = runContextFromEnvironment(warnings);
+    for (const std::string& warning : warnings) std::cout << warning << std::endl;
+    const DeviceSetup setup = setupDevice(deviceIndex, context);
     std::cout << "Setting up CUDA device" << std::endl;
     std::cout << setup.description << std::endl;
     std::cout << "Device memory total: " << setup.totalMB << "MB" << std::endl;

@@ -5,11 +5,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <string>
 #include <vector>
 
 #include "backend/CpuBackend.h"
-#include "backend/CpuThreads.h"
 #include "optimization/MeshKernels.h"
 
 namespace {
@@ -45,20 +43,6 @@ TEST(CpuBackendLaunch, ArrayFillsFillExactlyTheirCount) {
             ASSERT_EQ(f[k], k < n ? 2.5f : -3.0f) << n << " " << k;
             ASSERT_EQ(i[k], k < n ? 9 : -3) << n << " " << k;
         }
-    }
-}
-
-TEST(CpuBackendLaunch, ThreadSettingIsAWholeNumberFromOneTo4096) {
-    std::string warning;
-    EXPECT_EQ(threadCountFromSetting(nullptr, 6, warning), 6);
-    EXPECT_TRUE(warning.empty());
-    EXPECT_EQ(threadCountFromSetting("3", 6, warning), 3);
-    EXPECT_EQ(threadCountFromSetting("4096", 6, warning), 4096);
-    EXPECT_TRUE(warning.empty());
-    for (const char* bad : {"0", "-2", "", "abc", "3x", "4097", "99999999999999999999"}) {
-        EXPECT_EQ(threadCountFromSetting(bad, 6, warning), 6) << bad;
-        EXPECT_EQ(warning, "Warning: TESSALINE_THREADS=" + std::string(bad) +
-                               " is not a whole number from 1 to 4096; 6 threads are used");
     }
 }
 

@@ -5,8 +5,6 @@
 // they stand in for.
 #include <gtest/gtest.h>
 
-#include <tbb/task_arena.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <random>
@@ -23,14 +21,16 @@ namespace {
 using namespace tessaline;
 using namespace tessaline::test;
 
-// The optimisation of the bumpy plane scene under TESSALINE_SCHEDULE.
-std::vector<float> optimise(const DeviceHandle& device, const PlaneScene& s, const char* schedule, bool firstOrder) {
-    setenv("TESSALINE_SCHEDULE", schedule, 1);
+// The optimisation of the bumpy plane scene on `device` under `schedule`
+// and `threads` (0: every core).
+std::vector<float> optimise(DeviceHandle device, const PlaneScene& s, OptimizationSchedule schedule, bool firstOrder,
+                            int threads = 0) {
+    device.context.schedule = schedule;
+    device.context.threads = threads;
     std::vector<float> v = s.mesh.vertices;
     const std::vector<uint8_t> pairs(9, 1);
     DeviceStatus status = DeviceStatus::Failed;
     printedBy([&] { status = Integrated_Mesh_Optimization_CUDA(device, optimizationArgs(s, v, pairs, 4, firstOrder)); });
-    unsetenv("TESSALINE_SCHEDULE");
     EXPECT_EQ(status, DeviceStatus::Ok);
     return v;
 }
@@ -41,14 +41,15 @@ TEST_P(FastSchedule, GivesTheReferenceVerticesBitForBit) {
     const PlaneScene s(3, 0.03, 0.02f);
     for (bool firstOrder : {true, false}) {
         SCOPED_TRACE(firstOrder ? "first order" : "second order");
-        const std::vector<float> reference = optimise(device(), s, "reference", firstOrder);
-        const std::vector<float> fast = optimise(device(), s, "fast", firstOrder);
+        const std::vector<float> reference = optimise(device(), s, OptimizationSchedule::Reference, firstOrder);
+        const std::vector<float> fast = optimise(device(), s, OptimizationSchedule::Fast, firstOrder);
         EXPECT_TRUE(sameBits(reference, fast));
         EXPECT_FALSE(sameBits(reference, s.mesh.vertices)) << "nothing moved";
         if (device().backend == DeviceBackend::Cpu) {
-            std::vector<float> oneThread;
-            tbb::task_arena(1).execute([&] { oneThread = optimise(device(), s, "fast", firstOrder); });
-            EXPECT_TRUE(sameBits(oneThread, fast)) << "one thread";
+            for (int threads : {1, 3}) {
+                const std::vector<float> v = optimise(device(), s, OptimizationSchedule::Fast, firstOrder, threads);
+                EXPECT_TRUE(sameBits(v, fast)) << threads << " threads";
+            }
         }
     }
 }

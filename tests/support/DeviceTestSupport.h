@@ -15,6 +15,8 @@
 #include <vector>
 
 #include "ProgramCUDA.h"
+#include "ProgramCUDA_library.h"
+#include "ProgramCUDA_optimization.h"
 
 // Readable test names and failure messages for the module's plain types.
 inline void PrintTo(const DeviceHandle& device, std::ostream* os) {

@@ -22,8 +22,11 @@
 #include <iostream>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
+
+#include "RunEnvironment.h"
 
 namespace tessaline::cli {
 
@@ -65,6 +68,14 @@ inline std::optional<int> parse(CLI::App& app, int argc, const char* const* argv
         return refuse(e.what());
     }
     return std::nullopt;
+}
+
+// The run context that the environment asks for; its warnings are printed.
+inline RunContext runContext() {
+    std::vector<std::string> warnings;
+    const RunContext context = runContextFromEnvironment(warnings);
+    for (const std::string& warning : warnings) std::cout << warning << std::endl;
+    return context;
 }
 
 }  // namespace tessaline::cli

@@ -17,7 +17,7 @@
 #include <opencv2/imgproc.hpp>
 
 #include "CommandLine.h"
-#include "ProgramCUDA.h"
+#include "ProgramCUDA_library.h"
 #include "SfmScene.h"
 
 namespace planesweep_tool {
@@ -450,7 +450,7 @@ int runPlaneSweepCommand(int argc, char** argv) {
             return cli::fail("the output prefix " + prefix + " does not name a file in a writable folder");
     }
 
-    const DeviceSetup setup = setupDevice(device);
+    const DeviceSetup setup = setupDevice(device, cli::runContext());
     std::cout << setup.description << std::endl;
     return runPlaneSweep(request, setup.device);
 }

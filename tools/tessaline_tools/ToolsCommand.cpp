@@ -52,7 +52,7 @@ int runToolsCommand(int argc, char** argv) {
 
     try {
         if (*import) runImport(importOptions);
-        if (*render) runRender(renderOptions);
+        if (*render) runRender(renderOptions, cpuDevice(tessaline::cli::runContext()));
     } catch (const ReportedFailure&) {
         return tessaline::cli::kFailure;
     } catch (const std::exception& e) {

@@ -7,7 +7,9 @@
 // launch ends when its ranges are done, not when every thread has checked
 // in, so a worker that another process keeps off its core does not hold up
 // the thousands of short launches of an iteration (on two busy cores this
-// halves the running time; on idle cores it changes nothing).
+// halves the running time; on idle cores it changes nothing). They run in a
+// task arena of the run context's thread count, so that two backends in one
+// process may use different counts.
 //
 // Every primitive does nothing once the backend has failed, so that a call
 // that meets a failure runs to its end without touching anything more.
@@ -26,6 +28,7 @@
 
 #include <tbb/blocked_range.h>
 #include <tbb/parallel_for.h>
+#include <tbb/task_arena.h>
 
 #include "LaunchGeometry.h"
 #include "ProgramCUDA.h"
@@ -64,14 +67,17 @@ class CpuBackend {
     bool failed = false;
 
     explicit CpuBackend(const DeviceHandle& device = cpuDevice(), bool serial = false)
-        : device_(device), serial_(serial) {}
+        : device_(device),
+          threads_(serial ? 1 : cpuThreadCount(device.context)),
+          arena_(threads_) {}
     const DeviceHandle& device() const { return device_; }
+    bool profiling() const { return device_.context.profile; }
 
     // ---- Tasks: independent sequences of launches that may run at the
     // same time, each on one thread with launches of its own (a serial
     // backend), in a slot of work memory that no other running task uses.
     // How many slots the tasks need at most.
-    int taskSlots() const { return serial_ ? 1 : cpuThreadCount(); }
+    int taskSlots() const { return threads_; }
 
     // task(run, slot, index) for index 0..n-1.
     template <class Task>
@@ -82,14 +88,16 @@ class CpuBackend {
             return;
         }
         SlotPool pool(taskSlots());
-        tbb::parallel_for(tbb::blocked_range<int>(0, n, 1), [&](const tbb::blocked_range<int>& r) {
-            for (int i = r.begin(); i < r.end(); ++i) {
-                const int slot = pool.take();
-                CpuBackend run(device_, true);
-                task(run, slot, i);
-                pool.give(slot);
-                if (run.failed) failed = true;
-            }
+        arena_.execute([&] {
+            tbb::parallel_for(tbb::blocked_range<int>(0, n, 1), [&](const tbb::blocked_range<int>& r) {
+                for (int i = r.begin(); i < r.end(); ++i) {
+                    const int slot = pool.take();
+                    CpuBackend run(device_, true);
+                    task(run, slot, i);
+                    pool.give(slot);
+                    if (run.failed) failed = true;
+                }
+            });
         });
     }
 
@@ -168,9 +176,11 @@ class CpuBackend {
                 const F local = f;  // as below, for the compiler's sake
                 for (long long id = begin; id < end; ++id) local(int(id));
             };
-            if (total < minimum || cpuThreadCount() == 1 || serial_) return body(0, total);
-            tbb::parallel_for(tbb::blocked_range<long long>(0, total, minimum / 4 > 0 ? minimum / 4 : 1),
-                              [&](const tbb::blocked_range<long long>& r) { body(r.begin(), r.end()); });
+            if (total < minimum || threads_ == 1) return body(0, total);
+            arena_.execute([&] {
+                tbb::parallel_for(tbb::blocked_range<long long>(0, total, minimum / 4 > 0 ? minimum / 4 : 1),
+                                  [&](const tbb::blocked_range<long long>& r) { body(r.begin(), r.end()); });
+            });
         });
     }
 
@@ -194,10 +204,11 @@ class CpuBackend {
                         for (int x = 0; x < spanX; ++x) local(x, y);
                 }
             };
-            if ((long long)spanX * spanY < CpuParallelMinimum<F>::value || cpuThreadCount() == 1 || serial_)
-                return body(0, spanY);
-            tbb::parallel_for(tbb::blocked_range<int>(0, spanY, 2),
-                              [&](const tbb::blocked_range<int>& r) { body(r.begin(), r.end()); });
+            if ((long long)spanX * spanY < CpuParallelMinimum<F>::value || threads_ == 1) return body(0, spanY);
+            arena_.execute([&] {
+                tbb::parallel_for(tbb::blocked_range<int>(0, spanY, 2),
+                                  [&](const tbb::blocked_range<int>& r) { body(r.begin(), r.end()); });
+            });
         });
     }
 
@@ -227,7 +238,8 @@ class CpuBackend {
 
    private:
     DeviceHandle device_;
-    bool serial_;  // every launch runs on the calling thread
+    int threads_;  // 1 on a serial backend: every launch runs on the calling thread
+    tbb::task_arena arena_;
 
     // The slots free for tasks to take.
     class SlotPool {
@@ -254,7 +266,7 @@ class CpuBackend {
     // Runs one launch's loop, timed when profiling is on.
     template <class F, class Loop>
     void timed(double elements, const Loop& loop) {
-        if (!kernelProfileEnabled()) return loop();
+        if (!profiling()) return loop();
         const auto start = std::chrono::steady_clock::now();
         loop();
         const std::chrono::duration<double> spent = std::chrono::steady_clock::now() - start;

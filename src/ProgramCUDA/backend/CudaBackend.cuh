@@ -83,6 +83,7 @@ class CudaBackend {
     CudaBackend(const CudaBackend&) = delete;
     CudaBackend& operator=(const CudaBackend&) = delete;
     const DeviceHandle& device() const { return device_; }
+    bool profiling() const { return device_.context.profile; }
 
     // ---- Memory.
     void* allocateBytes(size_t bytes) {
@@ -284,7 +285,7 @@ class CudaBackend {
 
     void replay(const Graph& graph) {
         if (failed || !graph.ready()) return;
-        cudaEvent_t start = kernelProfileEnabled() ? beginKernelTiming(stream_) : nullptr;
+        cudaEvent_t start = profiling() ? beginKernelTiming(stream_) : nullptr;
         TESSALINE_CUDA_CHECK(*this, cudaGraphLaunch(graph.exec_, stream_));
         if (start)
             endKernelTiming(start, stream_, "Graph of " + std::to_string(graph.launches()) + " launches", 1.0,
@@ -310,7 +311,7 @@ class CudaBackend {
             capturedFloorBytes_ += elements * KernelFloorBytes<F>::perElement;
             return;
         }
-        cudaEvent_t start = kernelProfileEnabled() ? beginKernelTiming(stream_) : nullptr;
+        cudaEvent_t start = profiling() ? beginKernelTiming(stream_) : nullptr;
         issue();
         TESSALINE_CUDA_CHECK(*this, cudaGetLastError());
         if (start)

@@ -2,14 +2,14 @@
 // each handing its call to the backend that the device handle names.
 #include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
 #include <string>
 
 #include "ProgramCUDA.h"
+#include "ProgramCUDA_library.h"
+#include "ProgramCUDA_optimization.h"
 #include "backend/CpuThreads.h"
 
 namespace tessaline::cudart {
@@ -39,21 +39,13 @@ void hostMemoryInfo(double& freeMB, double& totalMB) {
     }
 }
 
-// TESSALINE_BACKEND=cpu keeps the kernels on the CPU even where a device
-// exists: for comparing the backends on one machine, or leaving a busy GPU
-// alone.
-[[maybe_unused]] bool cpuBackendRequested() {
-    const char* v = std::getenv("TESSALINE_BACKEND");
-    return v && std::strcmp(v, "cpu") == 0;
-}
-
 }  // namespace
 
 const char* deviceBackendName(DeviceBackend backend) { return backend == DeviceBackend::Cuda ? "CUDA" : "CPU"; }
 
-DeviceHandle cpuDevice() { return DeviceHandle{DeviceBackend::Cpu, 0}; }
+DeviceHandle cpuDevice(const RunContext& context) { return DeviceHandle{DeviceBackend::Cpu, 0, context}; }
 
-DeviceHandle cudaDevice() { return DeviceHandle{DeviceBackend::Cuda, 0}; }
+DeviceHandle cudaDevice(const RunContext& context) { return DeviceHandle{DeviceBackend::Cuda, 0, context}; }
 
 bool cudaDeviceAvailable() {
 #ifdef TESSALINE_CUDA_ENABLED
@@ -64,23 +56,25 @@ bool cudaDeviceAvailable() {
 #endif
 }
 
-DeviceSetup setupDevice(int deviceIndex) {
+DeviceSetup setupDevice(int deviceIndex, const RunContext& context) {
     DeviceSetup setup;
 #ifdef TESSALINE_CUDA_ENABLED
     int used = 0;
-    if (!cpuBackendRequested() && cudaDeviceAvailable() &&
+    if (!context.cpuOnly && cudaDeviceAvailable() &&
         tessaline::cudart::setupDevice(deviceIndex, used, setup.description, setup.freeMB, setup.totalMB)) {
-        setup.device = DeviceHandle{DeviceBackend::Cuda, used};
+        setup.device = DeviceHandle{DeviceBackend::Cuda, used, context};
         return setup;
     }
-    const char* why = cpuBackendRequested() ? "TESSALINE_BACKEND=cpu" : "no CUDA device found";
+    // The CPU is asked for by TESSALINE_BACKEND=cpu (or a program's own
+    // option that sets the same field).
+    const char* why = context.cpuOnly ? "TESSALINE_BACKEND=cpu" : "no CUDA device found";
 #else
     (void)deviceIndex;
     const char* why = "built without CUDA";
 #endif
-    setup.device = cpuDevice();
+    setup.device = cpuDevice(context);
     std::ostringstream line;
-    const int threads = tessaline::cpuThreadCount();
+    const int threads = tessaline::cpuThreadCount(context);
     line << "Device backend: CPU, " << threads << (threads == 1 ? " thread (" : " threads (") << why
          << "; device memory below is host memory)";
     setup.description = line.str();

@@ -18,6 +18,8 @@
 #include <cstdio>
 
 #include "ProgramCUDA.h"
+#include "ProgramCUDA_library.h"
+#include "ProgramCUDA_optimization.h"
 
 namespace tessaline {
 

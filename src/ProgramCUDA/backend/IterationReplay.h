@@ -1,12 +1,10 @@
 // Runs the iterations of a call whose launches repeat unchanged: on a
 // backend with graphs the first iteration is recorded and every iteration
-// replayed as one launch; elsewhere, when the recording fails, or with
-// TESSALINE_GRAPHS=0 (for a profile of every kernel), the launches are
-// issued directly each time.
+// replayed as one launch; elsewhere, when the recording fails, or when the
+// run context turns graphs off (for a profile of every kernel), the
+// launches are issued directly each time.
 #pragma once
 
-#include <cstdlib>
-#include <cstring>
 #include <type_traits>
 
 namespace tessaline {
@@ -24,7 +22,7 @@ struct GraphOf<Backend, std::void_t<typename Backend::Graph>> {
 template <class Backend>
 class IterationReplay {
    public:
-    IterationReplay(Backend& be, bool wanted) : be_(be), wanted_(wanted && graphsAllowed()) {}
+    IterationReplay(Backend& be, bool wanted) : be_(be), wanted_(wanted && be.device().context.graphs) {}
 
     template <class Issue>
     void run(const Issue& issue) {
@@ -42,11 +40,6 @@ class IterationReplay {
     }
 
    private:
-    static bool graphsAllowed() {
-        const char* v = std::getenv("TESSALINE_GRAPHS");
-        return !(v && std::strcmp(v, "0") == 0);
-    }
-
     Backend& be_;
     bool wanted_;
     typename GraphOf<Backend>::type graph_;

@@ -2,8 +2,6 @@
 #include "backend/KernelProfile.h"
 
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <mutex>
 
 namespace tessaline {
@@ -15,14 +13,6 @@ std::vector<std::pair<std::string, KernelStats>> g_stats;
 void (*g_pendingCollector)() = nullptr;
 
 }  // namespace
-
-bool kernelProfileEnabled() {
-    static const bool enabled = [] {
-        const char* v = std::getenv("TESSALINE_PROFILE");
-        return v && *v && std::strcmp(v, "0") != 0;
-    }();
-    return enabled;
-}
 
 void setPendingKernelCollector(void (*collector)()) { g_pendingCollector = collector; }
 

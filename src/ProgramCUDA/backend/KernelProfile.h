@@ -1,7 +1,9 @@
-// Optional per-kernel timing, for benchmarks: with TESSALINE_PROFILE=1 in the
-// environment every launch is timed (host clock on the CPU backend, CUDA
-// events on the device) and summed by kernel type, together with the number
-// of elements it covered and the bytes it must move at least.
+// Optional per-kernel timing, for benchmarks: when the run context asks for a
+// profile, every launch is timed (host clock on the CPU backend, CUDA events
+// on the device) and summed by kernel type, together with the number of
+// elements it covered and the bytes it must move at least. The sums are kept
+// for the whole process; an optimisation call clears them before its
+// iterations and prints them after.
 //
 // A kernel states that floor as `kFloorBytesPerElement`: the bytes every
 // element reads or writes whatever the data (outputs written at every element,
@@ -13,8 +15,7 @@
 // there all the same.
 // Kernels that state none count 0.
 //
-// Without the variable the backends skip all of this: one cached flag test
-// per launch.
+// Without a profile the backends skip all of this: one flag test per launch.
 #pragma once
 
 #include <string>
@@ -31,8 +32,6 @@ struct KernelStats {
     double seconds = 0.0;
 };
 
-// True when TESSALINE_PROFILE is set to anything but "0" (read once).
-bool kernelProfileEnabled();
 void recordKernelLaunch(const std::string& kernel, double elements, double floorBytes, double seconds);
 // Statistics so far, in first-launch order; pending device timings are
 // collected first.

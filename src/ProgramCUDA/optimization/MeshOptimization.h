@@ -37,7 +37,7 @@
 #include <vector>
 
 #include "LaunchGeometry.h"
-#include "ProgramCUDA.h"
+#include "ProgramCUDA_optimization.h"
 #include "backend/DeviceMemory.h"
 #include "backend/EntryPoint.h"
 #include "backend/IterationReplay.h"
@@ -57,24 +57,6 @@ namespace tessaline {
 constexpr float kBaseStep = 0.1f;
 constexpr float kPhotometricWeight = 750.0f;
 constexpr int kOptimizationHalfWindow = 2;  // 5 x 5 NCC windows
-
-// How an optimisation call schedules its kernels. Both compute the same
-// vertices, bit for bit; the reference runs the chain of a pair as the
-// thirteen launches of the kernels it is specified by, the fast schedule
-// (the default) as three (warp, window statistics, gradient with its
-// accumulation), shares each facet's columns among threads in the renders
-// on CUDA, and on CUDA replays each iteration after the first as one graph.
-// TESSALINE_SCHEDULE=reference selects the reference.
-enum class OptimizationSchedule { Reference, Fast };
-
-inline OptimizationSchedule optimizationSchedule() {
-    const char* v = std::getenv("TESSALINE_SCHEDULE");
-    if (v == nullptr || std::strcmp(v, "fast") == 0) return OptimizationSchedule::Fast;
-    if (std::strcmp(v, "reference") == 0) return OptimizationSchedule::Reference;
-    std::cout << "Warning: TESSALINE_SCHEDULE=" << v << " is neither reference nor fast; the fast schedule runs"
-              << std::endl;
-    return OptimizationSchedule::Fast;
-}
 
 // "<text><free>MB  Total: <total>" and a line end, for the given device.
 inline void printDeviceMemoryReport(const DeviceHandle& device, const char* text) {
@@ -426,14 +408,14 @@ DeviceStatus meshOptimizationEntry(Backend& be, const MeshOptimizationArgs& a) {
     if (!argumentsPass(a)) return DeviceStatus::Refused;
 
     using Clock = std::chrono::steady_clock;
-    const bool profiling = kernelProfileEnabled();
+    const bool profiling = be.profiling();
     const Clock::time_point callStart = Clock::now();
     printDeviceMemoryReport(be.device(), "Before allocating: device memory aviable: ");
     long long done = 0;
     double iterationSeconds = 0.0;
     {
         PrintfRing<Backend> ring(be);
-        MeshOptimizationCall<Backend> call(be, a, optimizationSchedule());
+        MeshOptimizationCall<Backend> call(be, a, be.device().context.schedule);
         call.allocate();
         printDeviceMemoryReport(be.device(), "After allocating: device memory aviable: ");
 

@@ -5,7 +5,7 @@
 #include <cstring>
 #include <string>
 
-#include "ProgramCUDA.h"
+#include "ProgramCUDA_library.h"
 #include "printf/cuPrintfDisplay.h"
 #include "printf/PrintfBracket.h"
 

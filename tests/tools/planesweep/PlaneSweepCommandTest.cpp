@@ -192,7 +192,7 @@ TEST_F(PlaneSweepProgram, ASweepTheDeviceDoesNotCompleteWritesNothing) {
         request.method = method;
         int status = 0;
         const std::string out = scene_test::printedBy(
-            [&] { status = planesweep_tool::runPlaneSweep(request, DeviceHandle{DeviceBackend::Cuda, 999}); });
+            [&] { status = planesweep_tool::runPlaneSweep(request, DeviceHandle{DeviceBackend::Cuda, 999, RunContext()}); });
         EXPECT_EQ(status, 1) << out;
         EXPECT_NE(out.find("Error: "), std::string::npos) << out;
         EXPECT_EQ(out.find("plane sweep time"), std::string::npos) << out;

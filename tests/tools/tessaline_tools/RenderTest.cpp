@@ -108,7 +108,7 @@ TEST(RenderCommand, ARenderTheDeviceDoesNotCompleteWritesNothing) {
     bool reported = false;
     const std::string out = printedBy([&] {
         try {
-            runRender(f.options, DeviceHandle{DeviceBackend::Cuda, 999});
+            runRender(f.options, DeviceHandle{DeviceBackend::Cuda, 999, RunContext()});
         } catch (const ReportedFailure&) {
             reported = true;
         }
