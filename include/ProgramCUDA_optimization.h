@@ -3,10 +3,12 @@
 #pragma once
 
 #include "ProgramCUDA.h"
+#include "RefinementSettings.h"
 
 // Moves the vertices of a mesh by `iterations` steps of gradient descent on
 // the windowed NCC of the camera pairs in pair_mask and on an umbrella
-// smoothness term, first order (step 0.1) or second order (step 0.5).
+// smoothness term, first order or second order, with `steps` (by default
+// 75 photometric, 0.1 first order, 0.5 second order).
 // `vertices` is overwritten with the result, and left unchanged unless the
 // status is Ok. Prints memory reports and an overwriting iteration counter.
 struct MeshOptimizationArgs {
@@ -28,6 +30,8 @@ struct MeshOptimizationArgs {
     // means camera j is compared with camera i as reference.
     const unsigned char* pair_mask = nullptr;
     bool first_order_smoothing = true;
+    DescentSteps steps;
+    int halfWindow = 2;  // NCC windows of (2 halfWindow + 1)^2 pixels, 1 to 16
 };
 DeviceStatus Integrated_Mesh_Optimization_CUDA(const DeviceHandle& device, const MeshOptimizationArgs& args);
 

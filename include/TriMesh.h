@@ -2,9 +2,9 @@
 // one attribute record per vertex, and connectivity tables derived from the
 // facets.
 //
-// The record itself needs no library: the PLY reader and writer of
-// tessaline_scene and the companion tools use it as a plain record. The two
-// operations declared at the end are defined in tessaline_mesh.
+// The record only: it needs no library, and the PLY reader and writer of
+// tessaline_scene and the companion tools use it as a plain record. The
+// mesh library rebuilds its derived tables (meshConnectivity.h).
 #pragma once
 
 #include <cstdint>
@@ -60,10 +60,3 @@ struct TriMesh {
         valences.clear();
     }
 };
-
-// Rebuilds num_valences, valences and vertex_facets from the facets. One-ring
-// order follows the facet walk (A,B), (A,C), (C,B): the device sums in it.
-void updateMeshConnectivity(TriMesh& mesh);
-
-// Index of the first facet entry outside 0..num_v-1, or -1 when all are valid.
-int64_t findInvalidFacetIndex(const TriMesh& mesh);

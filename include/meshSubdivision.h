@@ -8,6 +8,7 @@
 #include <opencv2/core.hpp>
 
 #include "ProgramCUDA.h"
+#include "RefinementSettings.h"
 #include "TriMesh.h"
 #include "mycamera.h"
 
@@ -29,20 +30,23 @@ bool renderFacetMaps(const TriMesh& mesh, const DeviceHandle& device, const myca
 
 // Clearing, counting and selection of one pass on facet maps already rendered:
 // sizes facet_divide_indicator and facet_view_count to num_f, counts for each
-// facet the images in which it covers 50 or more pixels of the LU x LV area
-// (a pixel holding -1, or an index not below num_f, counts for nobody), and
-// sets the bit of each facet seen in at least 2 images none of whose vertices
-// has no_divide. Returns the number of selected facets. Each pixel is read
-// once. Every facet image must have at least LV rows and LU columns, of type
-// CV_32S.
+// facet the images in which it covers selection.min_pixels (50) or more
+// pixels of the LU x LV area (a pixel holding -1, or an index not below
+// num_f, counts for nobody), and sets the bit of each facet seen in at least
+// selection.min_images (2) images none of whose vertices has no_divide.
+// Returns the number of selected facets. Each pixel is read once. Every
+// facet image must have at least LV rows and LU columns, of type CV_32S.
 int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>& facet_images, int LU, int LV,
-                                std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count);
+                                std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count,
+                                const FacetSelection& selection = FacetSelection());
 
-// At most two passes of render, select, divide, rendering on `device`.
-// Prints "subdividing at level <pass> : <count> facets" before each division
-// and "stop dividing" when a pass selects nothing. Only the number and the
-// sizes of the images in imgLaplaceList are read. Returns false when a render
-// failed: nothing is selected from it, and the mesh stays as the passes
-// before it left it. Inconsistent lists are reported and do not make it fail.
+// At most `passes` (2) passes of render, select, divide, rendering on
+// `device`. Prints "subdividing at level <pass> : <count> facets" before
+// each division and "stop dividing" when a pass selects nothing. Of the
+// level's images only their number and sizes are read (the facet's
+// footprint alone decides). Returns false when a render failed: nothing is
+// selected from it, and the mesh stays as the passes before it left it.
+// Inconsistent lists are reported and do not make it fail.
 bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
-                             const std::vector<cv::Mat>& imgLaplaceList, int LU, int LV);
+                             const std::vector<cv::Mat>& levelImages, int LU, int LV,
+                             const FacetSelection& selection = FacetSelection(), int passes = 2);

@@ -1,4 +1,5 @@
-// The cameras and images of one level, derived from the full-resolution scene.
+// The cameras and images of one level, derived from the full-resolution
+// scene, and the flat forms the device takes of them.
 #pragma once
 
 #include <vector>
@@ -8,8 +9,16 @@
 #include "SfmScene.h"
 #include "mycamera.h"
 
-// Empties the three lists and fills them for `scale`: each scene camera
-// copied and scaled (K, K_inv, P rebuilt), each photograph resized with
-// linear interpolation, and a Laplacian of its 3x3 Gaussian blur.
+// Empties both lists and fills them for `scale`: each scene camera copied
+// and scaled (K, K_inv, P rebuilt), each photograph resized with linear
+// interpolation. (The facet selection reads only the number and sizes of
+// the level's images, so no image derived from them is made.)
 void buildLevelData(const SfmScene& scene, float scale, std::vector<mycamera>& cameraList,
-                    std::vector<cv::Mat>& imgList, std::vector<cv::Mat>& imgLaplaceList);
+                    std::vector<cv::Mat>& imgList);
+
+// All images of a level back to back, width * height bytes each, rows
+// without gaps; every image must have the first one's size.
+std::vector<unsigned char> stackLevelImages(const std::vector<cv::Mat>& imgList);
+
+// The cameras narrowed to the device's float records, in order.
+std::vector<mycamera_cuda> narrowCameras(const std::vector<mycamera>& cameraList);

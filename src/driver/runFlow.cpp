@@ -24,30 +24,23 @@ namespace {
 // Each path is held as a C string of at most 1023 characters.
 constexpr size_t kMaxPathLength = 1023;
 
-struct LevelSettings {
-    int iterations;
-    bool first_order_smoothing;
-};
-
-// Iterations and smoothness order of levels 0, 1 and 2.
-constexpr LevelSettings kLevelSettings[3] = {{10, false}, {25, false}, {100, true}};
-
 }  // namespace
 
-bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const DeviceHandle& device) {
+bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const DeviceHandle& device,
+               const RefinementSettings& settings) {
     std::vector<mycamera> cameraList;
-    std::vector<cv::Mat> imgList, imgLaplaceList;
+    std::vector<cv::Mat> imgList;
     for (int level = 2; level >= 0; --level) {
         float scale = 1.0f;
         for (int k = 0; k < level; ++k) scale *= 0.5f;
-        buildLevelData(scene, scale, cameraList, imgList, imgLaplaceList);
-        if (!subdivideMeshAdaptively(mesh, device, cameraList, imgLaplaceList, imgList[0].cols, imgList[0].rows))
+        buildLevelData(scene, scale, cameraList, imgList);
+        const LevelSettings& levelSettings = settings.levels[level];
+        if (!subdivideMeshAdaptively(mesh, device, cameraList, imgList, imgList[0].cols, imgList[0].rows,
+                                     settings.selection, levelSettings.division_passes))
             return false;
         if (level < levelOfDetails) break;
         std::cout << "mesh refining at level " << level << std::endl;
-        const LevelSettings& settings = kLevelSettings[level];
-        if (!refineMeshAtLevel(mesh, device, cameraList, imgList, scene.neighbourLists, settings.iterations,
-                               settings.first_order_smoothing))
+        if (!refineMeshAtLevel(mesh, device, cameraList, imgList, scene.neighbourLists, levelSettings, settings))
             return false;
     }
     return true;

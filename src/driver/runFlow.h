@@ -2,6 +2,7 @@
 #pragma once
 
 #include "ProgramCUDA.h"
+#include "RefinementSettings.h"
 #include "SfmScene.h"
 #include "TriMesh.h"
 
@@ -10,9 +11,10 @@
 int runTessalineRefine(int argc, char** argv);
 
 // The level loop: from level 2 down to levelOfDetails, subdividing at every
-// pass and refining where the level table says so, every call on `device`;
-// the scene holds at least one image.
+// pass and refining where the level table of `settings` says so, every call
+// on `device`; the scene holds at least one image.
 // Returns false when a stage could not work on the level's lists or the
 // device did not complete a call (it has printed why); the run then stops
 // without writing.
-bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const DeviceHandle& device);
+bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const DeviceHandle& device,
+               const RefinementSettings& settings = RefinementSettings());

@@ -1,6 +1,7 @@
 // Adaptive facet selection: render the mesh into every camera of
 // the level, count each facet's pixels per image, and divide the facets that
-// cover 50 or more pixels in at least two images; at most two passes a call.
+// cover 50 or more pixels in at least two images; at most two passes a call
+// (the numbers of the selection are the caller's to set).
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -11,16 +12,6 @@
 #include "ProgramCUDA.h"
 #include "TriMesh.h"
 #include "meshSubdivision.h"
-
-namespace {
-
-// A facet counts as seen in an image with more than 49 pixels there, and is
-// selected when seen in at least 2 images.
-constexpr int32_t kMinPixelsExclusive = 49;
-constexpr int32_t kMinImages = 2;
-constexpr int kPassesPerCall = 2;
-
-}  // namespace
 
 bool renderFacetMaps(const TriMesh& mesh, const DeviceHandle& device, const mycamera& camera, int LU, int LV,
                      cv::Mat& depth_image, cv::Mat& facet_image, cv::Mat& bary_b_image, cv::Mat& bary_c_image) {
@@ -60,7 +51,8 @@ bool renderFacetMaps(const TriMesh& mesh, const DeviceHandle& device, const myca
 }
 
 int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>& facet_images, int LU, int LV,
-                                std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count) {
+                                std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count,
+                                const FacetSelection& selection) {
     const int32_t num_f = std::max(mesh.num_f, 0);
     // Bits cleared, view counts zero.
     facet_divide_indicator.assign(size_t(num_f), false);
@@ -84,7 +76,7 @@ int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>&
             }
         }
         for (const int32_t f : seen) {
-            if (facet_pixel_count[size_t(f)] > kMinPixelsExclusive) facet_view_count[size_t(f)] += 1;
+            if (facet_pixel_count[size_t(f)] >= selection.min_pixels) facet_view_count[size_t(f)] += 1;
             facet_pixel_count[size_t(f)] = 0;  // set to 0 before the next image
         }
     }
@@ -92,7 +84,7 @@ int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>&
     // No neighbour is looked at; no_divide on any vertex blocks.
     int32_t selected = 0;
     for (int32_t f = 0; f < num_f; ++f) {
-        if (facet_view_count[size_t(f)] < kMinImages) continue;
+        if (facet_view_count[size_t(f)] < selection.min_images) continue;
         bool blocked = false;
         for (int k = 0; k < 3; ++k) {
             const int32_t v = mesh.facets[3 * size_t(f) + size_t(k)];
@@ -106,7 +98,11 @@ int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>&
 }
 
 bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
-                             const std::vector<cv::Mat>& imgLaplaceList, int LU, int LV) {
+                             const std::vector<cv::Mat>& levelImages, int LU, int LV, const FacetSelection& selection,
+                             int passes) {
+    // The level's images stand for their Laplacians, which have their number
+    // and sizes; the messages name the Laplacian list as they always have.
+    const std::vector<cv::Mat>& imgLaplaceList = levelImages;
     // The checks of the lists, in this order, each with its own line.
     if (imgLaplaceList.empty()) {
         std::cout << "Error: imgList.size() <= 0" << std::endl;
@@ -128,8 +124,8 @@ bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const st
     if (first.rows < 0 || first.cols < 0 || LU < 0 || LV < 0 || LU > first.cols || LV > first.rows) {
         std::cout << "Error: ROI (BU, BV, LU, LV) do not fit the imgLaplace size" << std::endl;
     }
-    // The pixels of imgLaplaceList take no part in the decision: the
-    // criterion is the facet's footprint alone.
+    // No pixel of an image takes part in the decision: the criterion is the
+    // facet's footprint alone.
 
     // When the two lists differ in length only the cameras that have an
     // image are rendered (the shorter of the two lists).
@@ -141,7 +137,7 @@ bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const st
     std::vector<bool> facet_divide_indicator;
     std::vector<int32_t> facet_view_count;
 
-    for (int pass = 0; pass < kPassesPerCall; ++pass) {
+    for (int pass = 0; pass < passes; ++pass) {
         // Render every camera into its images; a render the device did not
         // complete ends the call before anything is selected from it.
         for (size_t i = 0; i < num_cameras; ++i) {
@@ -150,7 +146,7 @@ bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const st
                 return false;
         }
         const int32_t selected =
-            selectFacetsForDivision(mesh, facet_images, LU, LV, facet_divide_indicator, facet_view_count);
+            selectFacetsForDivision(mesh, facet_images, LU, LV, facet_divide_indicator, facet_view_count, selection);
         if (mesh.num_f == 0 || selected == 0) {
             std::cout << "stop dividing" << std::endl;
             return true;

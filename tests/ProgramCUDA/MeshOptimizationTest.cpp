@@ -97,6 +97,32 @@ TEST_P(MeshOptimization, PairsThroughACameraThatSeesNothingAddNothing) {
                optimise(device(), scene, {0, 1, 0, 1, 0, 0, 0, 0, 0}, 3, true), 2e-5f);
 }
 
+TEST_P(MeshOptimization, TakesItsStepsAndWindowFromTheArguments) {
+    const PlaneScene scene(3, 0.03);
+    const std::vector<uint8_t> pairs(9, 1);
+    auto run = [&](DescentSteps steps, int halfWindow) {
+        std::vector<float> v = scene.mesh.vertices;
+        MeshOptimizationArgs a = optimizationArgs(scene, v, pairs, 2, false);
+        a.steps = steps;
+        a.halfWindow = halfWindow;
+        DeviceStatus status = DeviceStatus::Failed;
+        printedBy([&] { status = Integrated_Mesh_Optimization_CUDA(device(), a); });
+        EXPECT_EQ(status, DeviceStatus::Ok);
+        return v;
+    };
+    EXPECT_EQ(run(DescentSteps{0.0f, 0.0f, 0.0f}, 2), scene.mesh.vertices) << "no step, no move";
+    const std::vector<float> standard = run(DescentSteps(), 2);
+    EXPECT_EQ(standard, optimise(device(), scene, pairs, 2, false)) << "the defaults are the standard steps";
+    EXPECT_NE(run(DescentSteps{37.5f, 0.1f, 0.5f}, 2), standard);
+    EXPECT_NE(run(DescentSteps(), 3), standard);
+    for (int halfWindow : {0, 17}) {
+        std::vector<float> v = scene.mesh.vertices;
+        MeshOptimizationArgs a = optimizationArgs(scene, v, pairs, 2, false);
+        a.halfWindow = halfWindow;
+        expectRefused("Integrated_Mesh_Optimization_CUDA: ", [&] { return Integrated_Mesh_Optimization_CUDA(device(), a); });
+    }
+}
+
 TEST_P(MeshOptimization, PrintsMemoryReportsAndAnOverwritingCounter) {
     const PlaneScene scene(2, 0.03, 0.02f);
     std::string out;

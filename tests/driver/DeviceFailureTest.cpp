@@ -36,7 +36,8 @@ TEST(DeviceFailure, RefusedOptimisationMakesRefineMeshAtLevelFail) {
     TriMesh m = meshWithoutCoordinates();
     bool ok = true;
     const std::string printed = printedBy([&] {
-        ok = refineMeshAtLevel(m, cpuDevice(), scene.cameras, scene.images, scene.neighbourLists, 3, true);
+        ok = refineMeshAtLevel(m, cpuDevice(), scene.cameras, scene.images, scene.neighbourLists,
+                               LevelSettings{3, true, 2});
     });
     EXPECT_FALSE(ok);
     EXPECT_TRUE(isRefusal(printed, "")) << "the device's own line and nothing else: " << printed;

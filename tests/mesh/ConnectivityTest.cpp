@@ -1,10 +1,11 @@
-// updateMeshConnectivity and findInvalidFacetIndex.
+// updateMeshConnectivity and the flat one-rings.
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "MeshTestSupport.h"
 #include "TriMesh.h"
+#include "meshConnectivity.h"
 
 namespace {
 
@@ -48,15 +49,28 @@ TEST(Connectivity, WorkedExamples) {
     }
 }
 
-TEST(TriMeshRecord, FindInvalidFacetIndex) {
+TEST(TriMeshConnectivity, FlatOneRingsKeepTheRingsInVertexOrder) {
     TriMesh m = meshtest::square();
-    EXPECT_EQ(findInvalidFacetIndex(m), -1);
-    m.facets[4] = 4;  // == num_v
-    EXPECT_EQ(findInvalidFacetIndex(m), 4);
-    m.facets[1] = -1;
-    EXPECT_EQ(findInvalidFacetIndex(m), 1);
-    EXPECT_EQ(findInvalidFacetIndex(TriMesh()), -1);
-    EXPECT_EQ(findInvalidFacetIndex(makeMesh({}, {0, 0, 0})), 0);
+    updateMeshConnectivity(m);
+    FlatOneRings rings;
+    ASSERT_TRUE(flattenOneRings(m, rings));
+    ASSERT_EQ(rings.counts.size(), size_t(m.num_v));
+    size_t start = 0;
+    for (int v = 0; v < m.num_v; ++v) {
+        EXPECT_EQ(rings.offsets[v], int(start)) << v;
+        EXPECT_EQ(rings.counts[v], int(m.valences[v].size())) << v;
+        EXPECT_EQ(std::vector<int>(rings.list.begin() + start, rings.list.begin() + start + m.valences[v].size()),
+                  std::vector<int>(m.valences[v].begin(), m.valences[v].end()))
+            << v;
+        start += m.valences[v].size();
+    }
+    EXPECT_EQ(rings.list.size(), start);
+    // A vertex without a ring has a run of length 0.
+    m.num_v += 1;
+    m.valences.emplace_back();
+    ASSERT_TRUE(flattenOneRings(m, rings));
+    EXPECT_EQ(rings.counts.back(), 0);
+    EXPECT_EQ(rings.offsets.back(), int(start));
 }
 
 }  // namespace

@@ -54,6 +54,11 @@ TEST(SelectFacets, ThresholdIsFiftyPixelsInTwoImages) {
     EXPECT_EQ(selectFacetsForDivision(m, maps, 40, 40, bits, views), 2);
     EXPECT_EQ(bits, (Bits{false, true, false, true, false}));
     EXPECT_EQ(views, (V{0, 2, 1, 3, 3}));
+    // Other thresholds: 49 pixels in 3 images, and 1000 pixels in 1 image.
+    EXPECT_EQ(selectFacetsForDivision(m, maps, 40, 40, bits, views, FacetSelection{49, 3}), 3);
+    EXPECT_EQ(bits, (Bits{true, false, true, true, false}));
+    EXPECT_EQ(selectFacetsForDivision(m, maps, 40, 40, bits, views, FacetSelection{1000, 1}), 1);
+    EXPECT_EQ(bits, (Bits{false, false, true, false, false}));
 }
 
 TEST(SelectFacets, OnlyTheLUbyLVAreaIsCountedAndForeignIdsAreIgnored) {

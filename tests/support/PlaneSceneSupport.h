@@ -128,10 +128,24 @@ struct PlaneScene {
 inline MeshOptimizationArgs optimizationArgs(const PlaneScene& s, std::vector<float>& vertices,
                                              const std::vector<uint8_t>& pairs, int iterations, bool firstOrder,
                                              int width = PlaneScene::W) {
-    return MeshOptimizationArgs{s.mesh.numV(), vertices.data(), s.mesh.numF(), s.mesh.facets.data(),
-                                int(s.rings.list.size()), s.rings.list.data(), s.rings.counts.data(),
-                                s.rings.offsets.data(), int(s.cameras.size()), width, PlaneScene::H,
-                                s.cameras.data(), s.images.data(), iterations, pairs.data(), firstOrder};
+    MeshOptimizationArgs a;
+    a.num_v = s.mesh.numV();
+    a.vertices = vertices.data();
+    a.num_f = s.mesh.numF();
+    a.facets = s.mesh.facets.data();
+    a.num_valence_entries = int(s.rings.list.size());
+    a.valence_list = s.rings.list.data();
+    a.valence_counts = s.rings.counts.data();
+    a.valence_offsets = s.rings.offsets.data();
+    a.num_cameras = int(s.cameras.size());
+    a.width = width;
+    a.height = PlaneScene::H;
+    a.cameras = s.cameras.data();
+    a.images = s.images.data();
+    a.iterations = iterations;
+    a.pair_mask = pairs.data();
+    a.first_order_smoothing = firstOrder;
+    return a;
 }
 
 }  // namespace tessaline::test

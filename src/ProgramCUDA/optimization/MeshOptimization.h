@@ -54,9 +54,8 @@
 
 namespace tessaline {
 
-constexpr float kBaseStep = 0.1f;
-constexpr float kPhotometricWeight = 750.0f;
-constexpr int kOptimizationHalfWindow = 2;  // 5 x 5 NCC windows
+// The largest NCC window a call takes: 33 x 33 pixels.
+constexpr int kMaxOptimizationHalfWindow = 16;
 
 // "<text><free>MB  Total: <total>" and a line end, for the given device.
 inline void printDeviceMemoryReport(const DeviceHandle& device, const char* text) {
@@ -73,6 +72,7 @@ inline bool argumentsPass(const MeshOptimizationArgs& a) {
     check.count(a.width, "negative image width");
     check.count(a.height, "negative image height");
     check.require(imageFitsIntIndex(a.width, a.height), "images too large");
+    check.require(a.halfWindow >= 1 && a.halfWindow <= kMaxOptimizationHalfWindow, "halfWindow out of range");
     if (check.problem) return check.passed();
 
     const long long pixels = (long long)a.width * a.height;
@@ -275,7 +275,7 @@ struct MeshOptimizationCall {
         be.launch(ImageGrid{w, h}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
                                        {ci, d_zbuffer[i].get(), d_facet_id[i].get(), cj, d_zbuffer[j].get(), w, h,
                                         d_warped.get(), target}});
-        launchNccChain(be, w, h, d_imgs[i].get(), d_warped.get(), ncc, kOptimizationHalfWindow, true);
+        launchNccChain(be, w, h, d_imgs[i].get(), d_warped.get(), ncc, a.halfWindow, true);
         be.launch(ImageGrid{w, h}, Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
                                        {a.num_f, d_facets.get(), d_facet_normals.get(), w, h, ci, d_zbuffer[i].get(),
                                         d_facet_id[i].get(), cj, d_bary_b[i].get(), d_bary_c[i].get(), ncc.grad,
@@ -309,7 +309,7 @@ struct MeshOptimizationCall {
             run.launch(ImageGrid{w, h},
                        Kernel_Ncc_WindowStatistics{w, h, d_imgs[i].get(), slot.warped.get(), slot.mask.get(),
                                                    slot.termR.get(), slot.termB.get(), slot.termC.get(),
-                                                   slot.termM.get(), slot.texture.get(), kOptimizationHalfWindow});
+                                                   slot.termM.get(), slot.texture.get(), a.halfWindow});
             run.launch(ImageGrid{w, h},
                        Kernel_Accumulate_PairGradient{a.num_f,
                                                       d_facets.get(),
@@ -334,7 +334,7 @@ struct MeshOptimizationCall {
                                                       slot.termC.get(),
                                                       slot.termM.get(),
                                                       slot.texture.get(),
-                                                      kOptimizationHalfWindow,
+                                                      a.halfWindow,
                                                       d_grad_photo_sum.get(),
                                                       slot.pairStamp.get(),
                                                       slot.pairsDone++,
@@ -392,14 +392,13 @@ struct MeshOptimizationCall {
         be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_grad_smooth.get(), d_valence_list.get(),
                                                                 d_valence_counts.get(), d_valence_offsets.get(),
                                                                 d_grad_smooth2.get(), true});
-        const float photometricStep = kBaseStep * kPhotometricWeight;  // 75.0
-        const float secondOrderStep = float(double(kBaseStep) * 5.0);  // 0.5
-        be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices.get(), GRAD_PHOTO.get(), photometricStep});
+        be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices.get(), GRAD_PHOTO.get(), a.steps.photometric});
         if (a.first_order_smoothing)
-            be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices.get(), d_grad_smooth.get(), kBaseStep});
+            be.launch(WideRun{nv},
+                      Kernel_GradientDescent{nv, d_vertices.get(), d_grad_smooth.get(), a.steps.first_order});
         else
             be.launch(WideRun{nv},
-                      Kernel_GradientDescent{nv, d_vertices.get(), d_grad_smooth2.get(), secondOrderStep});
+                      Kernel_GradientDescent{nv, d_vertices.get(), d_grad_smooth2.get(), a.steps.second_order});
     }
 };
 

@@ -1,7 +1,8 @@
-// The mesh record's operations: the neighbour-table rebuild that precedes
-// every optimisation, and a validity probe for facets.
-#include "TriMesh.h"
+// The neighbour-table rebuild that precedes every optimisation, and the
+// flat form of the one-rings that the device takes.
+#include "meshConnectivity.h"
 
+#include <climits>
 #include <cstddef>
 #include <iostream>
 
@@ -67,14 +68,19 @@ void updateMeshConnectivity(TriMesh& mesh) {
     }
 }
 
-int64_t findInvalidFacetIndex(const TriMesh& mesh) {
-    // Position in `facets` (0 .. 3*num_f - 1) of the first vertex index that
-    // lies outside 0 .. num_v - 1. Only the entries that exist are looked at.
-    const size_t declared = mesh.num_f > 0 ? size_t(mesh.num_f) * 3 : 0;
-    const size_t n = declared < mesh.facets.size() ? declared : mesh.facets.size();
-    for (size_t k = 0; k < n; ++k) {
-        const int32_t index = mesh.facets[k];
-        if (index < 0 || index >= mesh.num_v) return int64_t(k);
+bool flattenOneRings(const TriMesh& mesh, FlatOneRings& rings) {
+    long long entries = 0;
+    for (const auto& ring : mesh.valences) entries += (long long)ring.size();
+    if (entries > INT_MAX) return false;
+    const size_t nv = mesh.num_v > 0 ? size_t(mesh.num_v) : 0;
+    rings.list.clear();
+    rings.list.reserve(size_t(entries));
+    rings.counts.assign(nv, 0);
+    rings.offsets.assign(nv, 0);
+    for (size_t v = 0; v < nv && v < mesh.valences.size(); ++v) {
+        rings.offsets[v] = int(rings.list.size());
+        rings.counts[v] = int(mesh.valences[v].size());
+        rings.list.insert(rings.list.end(), mesh.valences[v].begin(), mesh.valences[v].end());
     }
-    return -1;
+    return true;
 }
