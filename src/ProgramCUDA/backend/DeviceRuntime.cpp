@@ -1,5 +1,4 @@
-// Start-up, device handles, memory figures, and the public entry points,
-// each handing its call to the backend that the device handle names.
+// Start-up, device handles and memory figures.
 #include <unistd.h>
 
 #include <cstdio>
@@ -8,8 +7,6 @@
 #include <string>
 
 #include "ProgramCUDA.h"
-#include "ProgramCUDA_library.h"
-#include "ProgramCUDA_optimization.h"
 #include "backend/CpuThreads.h"
 
 namespace tessaline::cudart {
@@ -88,29 +85,8 @@ void deviceMemoryInfo(const DeviceHandle& device, double& freeMB, double& totalM
         tessaline::cudart::memoryInfo(device.cudaDevice, freeMB, totalMB);
         return;
     }
+#else
+    (void)device;
 #endif
     hostMemoryInfo(freeMB, totalMB);
 }
-
-// Each entry point: the backends' instances are declared, and the public
-// function calls the one the handle names.
-#ifdef TESSALINE_CUDA_ENABLED
-#define TESSALINE_ENTRY(name, Args)                                                        \
-    namespace tessaline::cpu { DeviceStatus name(const DeviceHandle&, const Args&); }      \
-    namespace tessaline::cuda { DeviceStatus name(const DeviceHandle&, const Args&); }     \
-    DeviceStatus name(const DeviceHandle& device, const Args& args) {                      \
-        if (device.backend == DeviceBackend::Cuda) return tessaline::cuda::name(device, args); \
-        return tessaline::cpu::name(device, args);                                         \
-    }
-#else
-#define TESSALINE_ENTRY(name, Args)                                                        \
-    namespace tessaline::cpu { DeviceStatus name(const DeviceHandle&, const Args&); }      \
-    DeviceStatus name(const DeviceHandle& device, const Args& args) {                      \
-        if (device.backend == DeviceBackend::Cuda) {                                       \
-            std::printf("Error: " #name ": this build has no CUDA backend; nothing done\n"); \
-            return DeviceStatus::Refused;                                                  \
-        }                                                                                  \
-        return tessaline::cpu::name(device, args);                                         \
-    }
-#endif
-#include "backend/EntryPointList.inl"

@@ -1,17 +1,20 @@
 // What every entry point of the device module shares: the refusal of its
-// arguments, the status it returns, and the macro that instantiates its
-// templated implementation on one backend.
+// arguments, the status it returns, and the run of its implementation on
+// one backend.
 //
 // A feature folder holds the implementation `impl(Backend&, const Args&)`
-// in a header and two small translation units, one per backend:
+// in a header and two small translation units, one per backend, that
+// define the entry point's twins (backend/BackendTwins.h):
 //
 //     // zbuffer/ZBufferCpu.cpp
-//     #include "backend/CpuBackend.h"
-//     #include "zbuffer/ZBufferRender.h"
-//     TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, TriMesh_Image_ZBuffering_CUDA, ZBufferArgs, zbufferEntry)
+//     namespace tessaline::cpu {
+//     DeviceStatus TriMesh_Image_ZBuffering_CUDA(const DeviceHandle& device, const ZBufferArgs& args) {
+//         return runOnBackend<CpuBackend>(device, args, zbufferEntry<CpuBackend>);
+//     }
+//     }
 //
-// backend/DeviceRuntime.cpp then defines the public function, which hands
-// the call to the backend that the device handle names.
+// backend/EntryPoints.cpp defines the public function, which hands the call
+// to the twin of the backend that the device handle names.
 #pragma once
 
 #include <climits>
@@ -66,12 +69,13 @@ DeviceStatus finishedStatus(const Backend& be, const char* entry, const char* co
     return DeviceStatus::Failed;
 }
 
+// Runs an entry point's implementation on a backend made for `device`.
+template <class Backend, class Args>
+DeviceStatus runOnBackend(const DeviceHandle& device, const Args& args,
+                          DeviceStatus (*implementation)(Backend&, const Args&)) {
+    Backend be(device);
+    return implementation(be, args);
+}
+
 }  // namespace tessaline
 
-#define TESSALINE_ENTRY_ON_BACKEND(space, Backend, name, Args, impl)     \
-    namespace tessaline::space {                                         \
-    DeviceStatus name(const DeviceHandle& device, const Args& args) {    \
-        Backend be(device);                                              \
-        return impl(be, args);                                           \
-    }                                                                    \
-    }

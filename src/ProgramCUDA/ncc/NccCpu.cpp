@@ -1,5 +1,16 @@
+// The CPU twins of this folder's entry points.
 #include "backend/CpuBackend.h"
+#include "backend/BackendTwins.h"
 #include "ncc/NccChain.h"
 
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, Compute_NCCGrad_CUDA, NccGradArgs, computeNccGradEntry)
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, Compute_CC_CUDA, CcArgs, computeCcEntry)
+namespace tessaline::cpu {
+
+DeviceStatus Compute_NCCGrad_CUDA(const DeviceHandle& device, const NccGradArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, computeNccGradEntry<CpuBackend>);
+}
+
+DeviceStatus Compute_CC_CUDA(const DeviceHandle& device, const CcArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, computeCcEntry<CpuBackend>);
+}
+
+}  // namespace tessaline::cpu

@@ -1,5 +1,12 @@
+// The CPU twins of this folder's entry points.
 #include "backend/CpuBackend.h"
+#include "backend/BackendTwins.h"
 #include "optimization/MeshOptimization.h"
 
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, Integrated_Mesh_Optimization_CUDA, MeshOptimizationArgs,
-                           meshOptimizationEntry)
+namespace tessaline::cpu {
+
+DeviceStatus Integrated_Mesh_Optimization_CUDA(const DeviceHandle& device, const MeshOptimizationArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, meshOptimizationEntry<CpuBackend>);
+}
+
+}  // namespace tessaline::cpu

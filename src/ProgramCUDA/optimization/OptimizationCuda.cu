@@ -1,5 +1,12 @@
+// The CUDA twins of this folder's entry points.
 #include "backend/CudaBackend.cuh"
+#include "backend/BackendTwins.h"
 #include "optimization/MeshOptimization.h"
 
-TESSALINE_ENTRY_ON_BACKEND(cuda, CudaBackend, Integrated_Mesh_Optimization_CUDA, MeshOptimizationArgs,
-                           meshOptimizationEntry)
+namespace tessaline::cuda {
+
+DeviceStatus Integrated_Mesh_Optimization_CUDA(const DeviceHandle& device, const MeshOptimizationArgs& args) {
+    return runOnBackend<CudaBackend>(device, args, meshOptimizationEntry<CudaBackend>);
+}
+
+}  // namespace tessaline::cuda

@@ -1,6 +1,20 @@
+// The CPU twins of this folder's entry points.
 #include "backend/CpuBackend.h"
+#include "backend/BackendTwins.h"
 #include "planesweep/PlaneSweepEntries.h"
 
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, PlaneSweep_InvDepth_CUDA, InvDepthSweepArgs, invDepthSweepEntry)
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, PlaneSweep_Height_CUDA, HeightSweepArgs, heightSweepEntry)
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, PlaneSweep_Homography_CUDA, HomographySweepArgs, homographySweepEntry)
+namespace tessaline::cpu {
+
+DeviceStatus PlaneSweep_InvDepth_CUDA(const DeviceHandle& device, const InvDepthSweepArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, invDepthSweepEntry<CpuBackend>);
+}
+
+DeviceStatus PlaneSweep_Height_CUDA(const DeviceHandle& device, const HeightSweepArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, heightSweepEntry<CpuBackend>);
+}
+
+DeviceStatus PlaneSweep_Homography_CUDA(const DeviceHandle& device, const HomographySweepArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, homographySweepEntry<CpuBackend>);
+}
+
+}  // namespace tessaline::cpu

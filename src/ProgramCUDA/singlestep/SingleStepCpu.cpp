@@ -1,11 +1,24 @@
+// The CPU twins of this folder's entry points.
 #include "backend/CpuBackend.h"
+#include "backend/BackendTwins.h"
 #include "singlestep/SingleStepEntries.h"
 
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, Perspective_Image_Model_Image_Warp_CUDA, PerspectiveWarpArgs,
-                           perspectiveWarpEntry)
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, AddPhotometricGradient_ImagePair_CUDA, PairGradientArgs,
-                           pairGradientEntry)
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, ComputeSmoothnessGradient_CUDA, SmoothnessGradientArgs,
-                           smoothnessGradientEntry)
-TESSALINE_ENTRY_ON_BACKEND(cpu, CpuBackend, Smoothness_GradientDescent_CUDA, SmoothnessDescentArgs,
-                           smoothnessDescentEntry)
+namespace tessaline::cpu {
+
+DeviceStatus Perspective_Image_Model_Image_Warp_CUDA(const DeviceHandle& device, const PerspectiveWarpArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, perspectiveWarpEntry<CpuBackend>);
+}
+
+DeviceStatus AddPhotometricGradient_ImagePair_CUDA(const DeviceHandle& device, const PairGradientArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, pairGradientEntry<CpuBackend>);
+}
+
+DeviceStatus ComputeSmoothnessGradient_CUDA(const DeviceHandle& device, const SmoothnessGradientArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, smoothnessGradientEntry<CpuBackend>);
+}
+
+DeviceStatus Smoothness_GradientDescent_CUDA(const DeviceHandle& device, const SmoothnessDescentArgs& args) {
+    return runOnBackend<CpuBackend>(device, args, smoothnessDescentEntry<CpuBackend>);
+}
+
+}  // namespace tessaline::cpu

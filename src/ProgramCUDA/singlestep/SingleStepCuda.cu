@@ -1,11 +1,24 @@
+// The CUDA twins of this folder's entry points.
 #include "backend/CudaBackend.cuh"
+#include "backend/BackendTwins.h"
 #include "singlestep/SingleStepEntries.h"
 
-TESSALINE_ENTRY_ON_BACKEND(cuda, CudaBackend, Perspective_Image_Model_Image_Warp_CUDA, PerspectiveWarpArgs,
-                           perspectiveWarpEntry)
-TESSALINE_ENTRY_ON_BACKEND(cuda, CudaBackend, AddPhotometricGradient_ImagePair_CUDA, PairGradientArgs,
-                           pairGradientEntry)
-TESSALINE_ENTRY_ON_BACKEND(cuda, CudaBackend, ComputeSmoothnessGradient_CUDA, SmoothnessGradientArgs,
-                           smoothnessGradientEntry)
-TESSALINE_ENTRY_ON_BACKEND(cuda, CudaBackend, Smoothness_GradientDescent_CUDA, SmoothnessDescentArgs,
-                           smoothnessDescentEntry)
+namespace tessaline::cuda {
+
+DeviceStatus Perspective_Image_Model_Image_Warp_CUDA(const DeviceHandle& device, const PerspectiveWarpArgs& args) {
+    return runOnBackend<CudaBackend>(device, args, perspectiveWarpEntry<CudaBackend>);
+}
+
+DeviceStatus AddPhotometricGradient_ImagePair_CUDA(const DeviceHandle& device, const PairGradientArgs& args) {
+    return runOnBackend<CudaBackend>(device, args, pairGradientEntry<CudaBackend>);
+}
+
+DeviceStatus ComputeSmoothnessGradient_CUDA(const DeviceHandle& device, const SmoothnessGradientArgs& args) {
+    return runOnBackend<CudaBackend>(device, args, smoothnessGradientEntry<CudaBackend>);
+}
+
+DeviceStatus Smoothness_GradientDescent_CUDA(const DeviceHandle& device, const SmoothnessDescentArgs& args) {
+    return runOnBackend<CudaBackend>(device, args, smoothnessDescentEntry<CudaBackend>);
+}
+
+}  // namespace tessaline::cuda
