@@ -13,7 +13,8 @@
 #include "DeviceTestSupport.h"
 #include "PlaneSceneSupport.h"
 #include "backend/CpuBackend.h"
-#include "ncc/NccFusedKernels.h"
+#include "backend/cpu/BandRender.h"
+#include "backend/cpu/RowRoutines.h"
 #include "zbuffer/ZBufferRender.h"
 
 namespace {

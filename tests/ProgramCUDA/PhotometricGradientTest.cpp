@@ -10,6 +10,7 @@
 #include "PlaneSceneSupport.h"
 #include "backend/CpuBackend.h"
 #include "backend/DeviceMemory.h"
+#include "backend/cpu/BandRender.h"
 #include "optimization/MeshOptimization.h"
 #include "optimization/PhotometricGradientKernels.h"
 

@@ -42,6 +42,7 @@
 #include "backend/EntryPoint.h"
 #include "backend/IterationReplay.h"
 #include "backend/KernelProfile.h"
+#include "backend/MemoryReport.h"
 #include "ncc/NccChain.h"
 #include "ncc/NccFusedKernels.h"
 #include "MeshArguments.h"
@@ -56,14 +57,6 @@ namespace tessaline {
 
 // The largest NCC window a call takes: 33 x 33 pixels.
 constexpr int kMaxOptimizationHalfWindow = 16;
-
-// "<text><free>MB  Total: <total>" and a line end, for the given device.
-inline void printDeviceMemoryReport(const DeviceHandle& device, const char* text) {
-    double freeMB = 0.0, totalMB = 0.0;
-    deviceMemoryInfo(device, freeMB, totalMB);
-    std::cout << text << freeMB << "MB  Total: " << totalMB << "\n";
-    std::cout.flush();
-}
 
 inline bool argumentsPass(const MeshOptimizationArgs& a) {
     ArgumentCheck check("Integrated_Mesh_Optimization_CUDA");
@@ -222,7 +215,7 @@ struct MeshOptimizationCall {
             renderDepthKeys(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], 0, 0, a.width, a.height,
                             d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
                             d_bary_c[c].get(), Backend::kZBufferLanes, d_projected.get(), d_candidates.get());
-        else
+        else  // the CPU's one-pass render (backend/cpu/BandRender.h, included by the CPU unit)
             renderInBands(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], a.width, a.height,
                           d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
                           d_bary_c[c].get(), d_projected.get(), 4 * be.taskSlots());

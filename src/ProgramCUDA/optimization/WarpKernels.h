@@ -147,38 +147,5 @@ struct Kernel_Warp_SurfacePoints {
     }
 };
 
-#if !defined(__CUDA_ARCH__)
-// Rows y0..y1-1 of the warp on the CPU: the same bytes as the per-pixel
-// kernel, the target views of 8 neighbouring pixels worked at once.
-inline void cpuRows(const Kernel_Warp_SurfacePoints& k, int y0, int y1) {
-    constexpr int kLanes = 8;
-    const int W = k.width, H = k.height;
-    float Ct[3];
-    cameraCentreF(k.camera_tar, Ct);
-    for (int y = y0; y < y1 && y < H; ++y) {
-        const size_t row = size_t(y) * W;
-        int x = 0;
-        for (; x + kLanes <= W; x += kLanes) {
-            const size_t e = row + size_t(x);
-            bool any = false;
-            for (int l = 0; l < kLanes; ++l) {
-                k.warped[e + l] = kWarpNoValue;
-                any |= k.facet_ref[e + l] >= 0;
-            }
-            if (!any) continue;
-            float u[kLanes], v[kLanes], dt[kLanes];
-            const float* surface = k.surface_ref + 6 * e;
-            for (int l = 0; l < kLanes; ++l) {
-                const float X[3] = {surface[6 * l + 3], surface[6 * l + 4], surface[6 * l + 5]};
-                targetView(X, k.camera_tar, Ct, u[l], v[l], dt[l]);
-            }
-            for (int l = 0; l < kLanes; ++l)
-                if (k.facet_ref[e + l] >= 0)
-                    k.warped[e + l] = warpedValueAt(u[l], v[l], dt[l], k.depth_tar, W, H, k.target);
-        }
-        for (; x < W; ++x) k(x, y);
-    }
-}
-#endif
 
 }  // namespace tessaline

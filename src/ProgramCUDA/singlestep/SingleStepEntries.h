@@ -16,10 +16,11 @@
 #include "LaunchGeometry.h"
 #include "backend/DeviceMemory.h"
 #include "backend/EntryPoint.h"
+#include "backend/MemoryReport.h"
 #include "MeshArguments.h"
 #include "optimization/MeshKernels.h"
-#include "optimization/MeshOptimization.h"
 #include "optimization/PhotometricGradientKernels.h"
+#include "FixedPointSum.h"
 #include "optimization/WarpKernels.h"
 #include "printf/PrintfBracket.h"
 
