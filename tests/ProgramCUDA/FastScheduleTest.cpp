@@ -77,9 +77,12 @@ TEST(FastScheduleParts, WindowStatisticsRowsLeaveThePerPixelBytes) {
             for (int way : {0, 1}) {
                 mask[way].assign(n, 7);
                 for (auto& plane : p[way]) plane.assign(n, 7.0f);
-                const Kernel_Ncc_WindowStatistics k{W, H, A.data(), B.data(), mask[way].data(), p[way][0].data(),
-                                                    p[way][1].data(), p[way][2].data(), p[way][3].data(),
-                                                    p[way][4].data(), h};
+                const WindowTerms terms{imageView(mask[way].data(), W, H),   imageView(p[way][0].data(), W, H),
+                                        imageView(p[way][1].data(), W, H), imageView(p[way][2].data(), W, H),
+                                        imageView(p[way][3].data(), W, H), imageView(p[way][4].data(), W, H)};
+                const Kernel_Ncc_WindowStatistics k{{imageView<const float>(A.data(), W, H),
+                                                     imageView<const float>(B.data(), W, H)},
+                                                    terms, h};
                 if (way == 1) cpuRows(k, 0, H);
                 for (int y = 0; y < H && way == 0; ++y)
                     for (int x = 0; x < W; ++x) k(x, y);

@@ -98,20 +98,24 @@ struct OnePixel {
         CpuBackend be;
         const FixedPointScale scale = fixedPointScaleFor(1.0f);
         std::vector<unsigned long long> sums(9, 0);
+        const FacetNormals mesh{1, facets.data(), normal.data()};
+        const RenderedCamera reference{ref, imageView(depth.data(), W, H), imageView(facetRef.data(), W, H),
+                                       imageView(b.data(), W, H), imageView(c.data(), W, H)};
+        const RenderedCamera target{tar, {}, {}, {}, {}};
+        const ConstImageView<float> nccGrad = imageView(g.data(), W, H);
+        const ConstImageView<uint8_t> visible = imageView<const uint8_t>(mask.data(), W, H);
+        const GradientSums sum{sums.data(), scale.toFixed};
         if (perPair) {
-            const auto target = makeImageTexture(be, ramp.data(), W, H);
-            be.launch(ImageGrid{W, H}, Kernel_AddPhotometricGradient_ImagePair_CUDA{
-                                           {1, facets.data(), normal.data(), W, H, ref, depth.data(),
-                                            facetRef.data(), tar, b.data(), c.data(), g.data(), mask.data(), 1.0f,
-                                            1.0f, sums.data(), scale.toFixed, hits.data(),
-                                            ImageFetch{target.view()}}});
+            const auto image = makeImageTexture(be, ramp.data(), W, H);
+            const PairSurface<ImageFetch> surface{mesh, {reference, target, ImageFetch{image.view()}}, 1.0f, 1.0f};
+            be.launch(ImageGrid{W, H},
+                      Kernel_AddPhotometricGradient_ImagePair_CUDA{{surface, nccGrad, visible, sum, hits.data()}});
         } else {
             const auto stack = makeImageStack(be, ramp.data(), W, H, 1);
+            const PairSurface<StackLayerFetch> surface{
+                mesh, {reference, target, StackLayerFetch{stack.view(), 0}}, 1.0f, 1.0f};
             be.launch(ImageGrid{W, H}, Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
-                                           {1, facets.data(), normal.data(), W, H, ref, depth.data(),
-                                            facetRef.data(), tar, b.data(), c.data(), g.data(), mask.data(), 1.0f,
-                                            1.0f, sums.data(), scale.toFixed, hits.data(),
-                                            StackLayerFetch{stack.view(), 0}}});
+                                           {surface, nccGrad, visible, sum, hits.data()}});
         }
         for (int i = 0; i < 9; ++i) grad[i] = fromFixedPoint(sums[i], scale.toFloat);
     }

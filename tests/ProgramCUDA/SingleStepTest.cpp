@@ -60,10 +60,16 @@ struct PairGradientInputs {
         tessaline::LayeredTexture stack;  // the scene's images as the CPU sampler reads them
         stack.data = scene.images.data(), stack.width = W, stack.height = H, stack.layers = 2;
         std::vector<unsigned long long> sums(grad.size(), 0);
+        using tessaline::imageView;
+        const tessaline::RenderedCamera reference{scene.cameras[0], imageView(ref.depth.data(), W, H),
+                                                  imageView(ref.facet.data(), W, H), imageView(ref.b.data(), W, H),
+                                                  imageView(ref.c.data(), W, H)};
+        const tessaline::RenderedCamera target{scene.cameras[1], {}, {}, {}, {}};
+        const tessaline::PairSurface<tessaline::StackLayerFetch> surface{
+            {m.numF(), m.facets.data(), normals.data()}, {reference, target, {stack, 1}}, 2.0f, 2.0f};
         const tessaline::Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA k{
-            {m.numF(), m.facets.data(), normals.data(), W, H, scene.cameras[0], ref.depth.data(), ref.facet.data(),
-             scene.cameras[1], ref.b.data(), ref.c.data(), ncc.data(), mask.data(), 2.0f, 2.0f, sums.data(),
-             scale.toFixed, hits.data(), tessaline::StackLayerFetch{stack, 1}}};
+            {surface, imageView(ncc.data(), W, H), imageView(mask.data(), W, H), {sums.data(), scale.toFixed},
+             hits.data()}};
         for (int y = 0; y < H; ++y)
             for (int x = 0; x < W; ++x) k(x, y);
         for (size_t i = 0; i < grad.size(); ++i) grad[i] += tessaline::fromFixedPoint(sums[i], scale.toFloat);

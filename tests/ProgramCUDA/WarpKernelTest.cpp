@@ -37,9 +37,11 @@ struct WarpInputs {
                   DeviceStatus::Ok);
         CpuBackend be;
         const auto images = makeImageStack(be, stack.data(), W, H, 2);
+        const RenderedCamera reference{ref, imageView(depthRef.data(), W, H), imageView(facetRef.data(), W, H), {}, {}};
+        const RenderedCamera target{tar, imageView(depthTar.data(), W, H), {}, {}, {}};
         be.launch(ImageGrid{W, H}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
-                                       {ref, depthRef.data(), facetRef.data(), tar, depthTar.data(), W, H,
-                                        integrated.data(), StackLayerFetch{images.view(), 1}}});
+                                       {{reference, target, StackLayerFetch{images.view(), 1}},
+                                        imageView(integrated.data(), W, H)}});
         EXPECT_EQ(warped, integrated) << "the entry point and the integrated kernel differ";
         return warped;
     }

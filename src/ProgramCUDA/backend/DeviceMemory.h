@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "ImageView.h"
 #include "TextureSampler.h"
 
 namespace tessaline {
@@ -38,6 +39,8 @@ class DeviceBuffer {
 
     T* get() const { return data_; }
     size_t size() const { return count_; }
+    // The buffer seen as a width x height image (it must hold that many).
+    ImageView<T> image(int width, int height) const { return ImageView<T>(data_, width, height); }
     void upload(const T* host) { be_->copyToDevice(data_, host, count_ * sizeof(T)); }
     void download(T* host) const { be_->copyToHost(host, data_, count_ * sizeof(T)); }
     void zero() { be_->zeroBytes(data_, count_ * sizeof(T)); }

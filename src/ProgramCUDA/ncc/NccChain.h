@@ -12,21 +12,14 @@
 
 namespace tessaline {
 
-// The work images of one run of the chain, all width x height on the device.
+// The work images of one run of the chain, all of one size on the device.
 // alpha, beta, gamma and grad are needed only when the chain runs through to
 // the gradient.
 struct NccWorkImages {
-    uint8_t* mask = nullptr;
-    float* meanA = nullptr;
-    float* meanB = nullptr;
-    float* varA = nullptr;
-    float* varB = nullptr;
-    float* cov = nullptr;
-    float* cc = nullptr;
-    float* alpha = nullptr;
-    float* beta = nullptr;
-    float* gamma = nullptr;
-    float* grad = nullptr;
+    ImageView<uint8_t> mask;
+    ImageView<float> meanA, meanB, varA, varB, cov, cc;
+    AlphaBetaGamma<float> coefficients;
+    ImageView<float> grad;
 };
 
 // The device memory behind NccWorkImages, owned.
@@ -34,44 +27,54 @@ template <class Backend>
 struct NccWorkBuffers {
     DeviceBuffer<uint8_t, Backend> mask;
     DeviceBuffer<float, Backend> meanA, meanB, varA, varB, cov, cc, alpha, beta, gamma, grad;
+    int width = 0, height = 0;
 
     NccWorkBuffers() = default;
-    NccWorkBuffers(Backend& be, size_t pixels, bool throughGradient)
-        : mask(be, pixels), meanA(be, pixels), meanB(be, pixels), varA(be, pixels), varB(be, pixels),
-          cov(be, pixels), cc(be, pixels) {
+    NccWorkBuffers(Backend& be, int w, int h, bool throughGradient) : width(w), height(h) {
+        const size_t pixels = size_t(w) * size_t(h);
+        mask = DeviceBuffer<uint8_t, Backend>(be, pixels);
+        for (DeviceBuffer<float, Backend>* b : {&meanA, &meanB, &varA, &varB, &cov, &cc})
+            *b = DeviceBuffer<float, Backend>(be, pixels);
         if (!throughGradient) return;
-        alpha = DeviceBuffer<float, Backend>(be, pixels);
-        beta = DeviceBuffer<float, Backend>(be, pixels);
-        gamma = DeviceBuffer<float, Backend>(be, pixels);
-        grad = DeviceBuffer<float, Backend>(be, pixels);
+        for (DeviceBuffer<float, Backend>* b : {&alpha, &beta, &gamma, &grad})
+            *b = DeviceBuffer<float, Backend>(be, pixels);
     }
     NccWorkImages images() const {
-        return {mask.get(), meanA.get(), meanB.get(), varA.get(), varB.get(), cov.get(),
-                cc.get(),   alpha.get(), beta.get(),  gamma.get(), grad.get()};
+        const int w = width, h = height;
+        return {mask.image(w, h),
+                meanA.image(w, h),
+                meanB.image(w, h),
+                varA.image(w, h),
+                varB.image(w, h),
+                cov.image(w, h),
+                cc.image(w, h),
+                {alpha.image(w, h), beta.image(w, h), gamma.image(w, h)},
+                grad.image(w, h)};
     }
 };
 
 // Launches the chain in its fixed order on imageA (reference) and imageB
-// (warped target, -1.0 where it has no value): mask, means, variances,
-// covariance, correlation and, with throughGradient, alpha/beta/gamma and the
-// gradient. Each launch reads what the ones before it wrote.
+// (warped target, -1.0 where it has no value), both of the work images'
+// size: mask, means, variances, covariance, correlation and, with
+// throughGradient, alpha/beta/gamma and the gradient. Each launch reads what
+// the ones before it wrote.
 template <class Backend>
-void launchNccChain(Backend& be, int width, int height, const float* imageA, const float* imageB,
-                    const NccWorkImages& w, int halfWindow, bool throughGradient) {
-    const ImageGrid grid{width, height};
-    be.launch(grid, Kernel_Compute_VisibleMask_CUDA{width, height, imageB, w.mask, halfWindow});
-    be.launch(grid, Kernel_Compute_Mean_CUDA{width, height, imageA, w.mask, w.meanA, halfWindow});
-    be.launch(grid, Kernel_Compute_Mean_CUDA{width, height, imageB, w.mask, w.meanB, halfWindow});
-    be.launch(grid, Kernel_Compute_Var_CUDA{width, height, imageA, w.meanA, w.mask, w.varA, halfWindow});
-    be.launch(grid, Kernel_Compute_Var_CUDA{width, height, imageB, w.meanB, w.mask, w.varB, halfWindow});
-    be.launch(grid, Kernel_Compute_Cov_CUDA{width, height, imageA, w.meanA, imageB, w.meanB, w.mask, w.cov,
-                                            halfWindow});
-    be.launch(grid, Kernel_Compute_CC_CUDA{width, height, w.cov, w.varA, w.varB, w.mask, w.cc, halfWindow});
+void launchNccChain(Backend& be, ConstImageView<float> imageA, ConstImageView<float> imageB, const NccWorkImages& w,
+                    int halfWindow, bool throughGradient) {
+    const ImageGrid grid{imageA.width, imageA.height};
+    const int h = halfWindow;
+    be.launch(grid, Kernel_Compute_VisibleMask_CUDA{imageB, w.mask, h});
+    be.launch(grid, Kernel_Compute_Mean_CUDA{imageA, w.mask, w.meanA, h});
+    be.launch(grid, Kernel_Compute_Mean_CUDA{imageB, w.mask, w.meanB, h});
+    be.launch(grid, Kernel_Compute_Var_CUDA{imageA, w.meanA, w.mask, w.varA, h});
+    be.launch(grid, Kernel_Compute_Var_CUDA{imageB, w.meanB, w.mask, w.varB, h});
+    be.launch(grid, Kernel_Compute_Cov_CUDA{{imageA, w.meanA}, {imageB, w.meanB}, w.mask, w.cov, h});
+    be.launch(grid, Kernel_Compute_CC_CUDA{w.cov, w.varA, w.varB, w.mask, w.cc, h});
     if (!throughGradient) return;
-    be.launch(grid, Kernel_Compute_AlphaBetaGamma_CUDA{width, height, w.meanA, w.meanB, w.varA, w.varB, w.cc, w.mask,
-                                                       w.alpha, w.beta, w.gamma, halfWindow});
-    be.launch(grid, Kernel_Compute_NCCGrad_FromAlphaBetaGamma_CUDA{width, height, imageA, imageB, w.alpha, w.beta,
-                                                                   w.gamma, w.mask, w.grad, halfWindow});
+    const WindowMoments moments{w.meanA, w.meanB, w.varA, w.varB};
+    be.launch(grid, Kernel_Compute_AlphaBetaGamma_CUDA{moments, w.cc, w.mask, w.coefficients, h});
+    const AlphaBetaGamma<const float> coefficients{w.coefficients.alpha, w.coefficients.beta, w.coefficients.gamma};
+    be.launch(grid, Kernel_Compute_NCCGrad_FromAlphaBetaGamma_CUDA{imageA, imageB, coefficients, w.mask, w.grad, h});
 }
 
 // The two images and the window of an NCC entry point.
@@ -104,9 +107,10 @@ DeviceStatus nccChainEntry(Backend& be, const char* entry, bool throughGradient,
     {
         const size_t n = size_t(width) * size_t(height);
         DeviceBuffer<float, Backend> dA(be, imageA, n), dB(be, imageB, n);
-        NccWorkBuffers<Backend> work(be, n, throughGradient);
+        NccWorkBuffers<Backend> work(be, width, height, throughGradient);
         if (throughGradient) work.grad.zero();
-        launchNccChain(be, width, height, dA.get(), dB.get(), work.images(), halfWindow, throughGradient);
+        launchNccChain(be, dA.image(width, height), dB.image(width, height), work.images(), halfWindow,
+                       throughGradient);
         ring.show();
         if (throughGradient) work.grad.download(grad);
         work.cc.download(cc);

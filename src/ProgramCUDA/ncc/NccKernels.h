@@ -15,14 +15,11 @@
 #include <cstdint>
 
 #include "DeviceCommon.h"
+#include "ImageView.h"
 
 namespace tessaline {
 
 constexpr float kNoValue = -1.0f;  // the warp's "no value" mark in imageB
-
-DEVICE_HOST bool nccInImage(int x, int y, int width, int height) {
-    return x >= 0 && y >= 0 && x < width && y < height;
-}
 
 DEVICE_HOST bool nccInterior(int x, int y, int width, int height, int h) {
     return !(x < h || x > width - 1 - h || y < h || y > height - 1 - h);
@@ -40,38 +37,38 @@ DEVICE_HOST float nccWindowCount(int h) {
 // ascending, into one float accumulator.
 
 // True when no value of the window of (x, y) is the "no value" mark.
-DEVICE_HOST bool nccWindowHasValues(const float* image, int width, int x, int y, int h) {
+DEVICE_HOST bool nccWindowHasValues(ConstImageView<float> image, int x, int y, int h) {
     for (int i = -h; i <= h; ++i)
         for (int j = -h; j <= h; ++j)
-            if (image[(y + j) * width + (x + i)] == kNoValue) return false;
+            if (image(x + i, y + j) == kNoValue) return false;
     return true;
 }
 
-DEVICE_HOST float nccWindowSum(const float* image, int width, int x, int y, int h) {
+DEVICE_HOST float nccWindowSum(ConstImageView<float> image, int x, int y, int h) {
     float sum = 0.0f;
     for (int i = -h; i <= h; ++i)
-        for (int j = -h; j <= h; ++j) sum = sum + image[(y + j) * width + (x + i)];
+        for (int j = -h; j <= h; ++j) sum = sum + image(x + i, y + j);
     return sum;
 }
 
 // Sum of (I - m)^2 over the window, each square added by fused multiply-add.
-DEVICE_HOST float nccCentredSquares(const float* image, int width, int x, int y, int h, float m) {
+DEVICE_HOST float nccCentredSquares(ConstImageView<float> image, int x, int y, int h, float m) {
     float sum = 0.0f;
     for (int i = -h; i <= h; ++i)
         for (int j = -h; j <= h; ++j) {
-            const float diff = image[(y + j) * width + (x + i)] - m;
+            const float diff = image(x + i, y + j) - m;
             sum = fmaF(diff, diff, sum);
         }
     return sum;
 }
 
 // Sum of (A - mA)(B - mB) over the window, by fused multiply-add.
-DEVICE_HOST float nccCentredProducts(const float* imageA, float mA, const float* imageB, float mB, int width, int x,
-                                     int y, int h) {
+DEVICE_HOST float nccCentredProducts(ConstImageView<float> imageA, float mA, ConstImageView<float> imageB, float mB,
+                                     int x, int y, int h) {
     float sum = 0.0f;
     for (int i = -h; i <= h; ++i)
         for (int j = -h; j <= h; ++j) {
-            const int q = (y + j) * width + (x + i);
+            const int q = imageA.index(x + i, y + j);
             sum = fmaF(imageA[q] - mA, imageB[q] - mB, sum);
         }
     return sum;
@@ -125,106 +122,117 @@ DEVICE_HOST float nccGradient(float alpha, float beta, float gamma, float A, flo
     return fmaF(beta, B, alpha * A) + gamma;
 }
 
-// ---- The chain's kernels.
+// ---- The chain's kernels. Every image of a call has one size; each kernel
+// covers the pixels of its output.
 
 struct Kernel_Compute_VisibleMask_CUDA {
     static constexpr int kFloorBytesPerElement = 5;  // mask written, at least one image value read
-    int width;
-    int height;
-    const float* image;
-    uint8_t* mask;
+    ConstImageView<float> image;
+    ImageView<uint8_t> mask;
     int halfWindow;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (!nccInImage(x, y, width, height)) return;
+        if (!mask.contains(x, y)) return;
         const int h = halfWindow;
-        const int idx = y * width + x;
-        mask[idx] = nccInterior(x, y, width, height, h) && nccWindowHasValues(image, width, x, y, h) ? 1 : 0;
+        mask(x, y) = nccInterior(x, y, mask.width, mask.height, h) && nccWindowHasValues(image, x, y, h) ? 1 : 0;
     }
 };
 
 struct Kernel_Compute_Mean_CUDA {
     static constexpr int kFloorBytesPerElement = 5;  // mean written, mask read
-    int width;
-    int height;
-    const float* image;
-    const uint8_t* mask;
-    float* mean;
+    ConstImageView<float> image;
+    ConstImageView<uint8_t> mask;
+    ImageView<float> mean;
     int halfWindow;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (!nccInImage(x, y, width, height)) return;
+        if (!mean.contains(x, y)) return;
         const int h = halfWindow;
-        const int idx = y * width + x;
+        const int idx = mean.index(x, y);
         mean[idx] = 0.0f;
-        if (!nccInterior(x, y, width, height, h) || mask[idx] != 1) return;
-        mean[idx] = nccWindowSum(image, width, x, y, h) / nccWindowCount(h);
+        if (!nccInterior(x, y, mean.width, mean.height, h) || mask[idx] != 1) return;
+        mean[idx] = nccWindowSum(image, x, y, h) / nccWindowCount(h);
     }
 };
 
 // Window variance about the centre pixel's mean, plus 1.0.
 struct Kernel_Compute_Var_CUDA {
     static constexpr int kFloorBytesPerElement = 5;  // variance written, mask read
-    int width;
-    int height;
-    const float* image;
-    const float* mean;
-    const uint8_t* mask;
-    float* var;
+    ConstImageView<float> image;
+    ConstImageView<float> mean;
+    ConstImageView<uint8_t> mask;
+    ImageView<float> var;
     int halfWindow;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (!nccInImage(x, y, width, height)) return;
+        if (!var.contains(x, y)) return;
         const int h = halfWindow;
-        const int idx = y * width + x;
+        const int idx = var.index(x, y);
         var[idx] = 0.0f;
-        if (!nccInterior(x, y, width, height, h)) return;
+        if (!nccInterior(x, y, var.width, var.height, h)) return;
         var[idx] = 1.0f;
         if (mask[idx] != 1) return;
-        var[idx] = nccVariance(nccCentredSquares(image, width, x, y, h, mean[idx]), h);
+        var[idx] = nccVariance(nccCentredSquares(image, x, y, h, mean[idx]), h);
     }
+};
+
+// An image with its window means: one side of the covariance.
+struct ImageWithMeans {
+    ConstImageView<float> image;
+    ConstImageView<float> mean;
 };
 
 struct Kernel_Compute_Cov_CUDA {
     static constexpr int kFloorBytesPerElement = 5;  // covariance written, mask read
-    int width;
-    int height;
-    const float* imageA;
-    const float* meanA;
-    const float* imageB;
-    const float* meanB;
-    const uint8_t* mask;
-    float* cov;
+    ImageWithMeans a;
+    ImageWithMeans b;
+    ConstImageView<uint8_t> mask;
+    ImageView<float> cov;
     int halfWindow;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (!nccInImage(x, y, width, height)) return;
+        if (!cov.contains(x, y)) return;
         const int h = halfWindow;
-        const int idx = y * width + x;
+        const int idx = cov.index(x, y);
         cov[idx] = 0.0f;
-        if (!nccInterior(x, y, width, height, h) || mask[idx] != 1) return;
-        cov[idx] = nccCentredProducts(imageA, meanA[idx], imageB, meanB[idx], width, x, y, h) / nccWindowCount(h);
+        if (!nccInterior(x, y, cov.width, cov.height, h) || mask[idx] != 1) return;
+        cov[idx] = nccCentredProducts(a.image, a.mean[idx], b.image, b.mean[idx], x, y, h) / nccWindowCount(h);
     }
+};
+
+// The window statistics of both images, as the correlation and its
+// derivative read them.
+struct WindowMoments {
+    ConstImageView<float> meanA;
+    ConstImageView<float> meanB;
+    ConstImageView<float> varA;
+    ConstImageView<float> varB;
 };
 
 struct Kernel_Compute_CC_CUDA {
     static constexpr int kFloorBytesPerElement = 5;  // correlation written, mask read
-    int width;
-    int height;
-    const float* cov;
-    const float* varA;
-    const float* varB;
-    const uint8_t* mask;
-    float* cc;
+    ConstImageView<float> cov;
+    ConstImageView<float> varA;
+    ConstImageView<float> varB;
+    ConstImageView<uint8_t> mask;
+    ImageView<float> cc;
     int halfWindow;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (!nccInImage(x, y, width, height)) return;
-        const int idx = y * width + x;
+        if (!cc.contains(x, y)) return;
+        const int idx = cc.index(x, y);
         cc[idx] = 0.0f;
-        if (!nccInterior(x, y, width, height, halfWindow) || mask[idx] != 1) return;
+        if (!nccInterior(x, y, cc.width, cc.height, halfWindow) || mask[idx] != 1) return;
         cc[idx] = nccCorrelation(cov[idx], varA[idx], varB[idx]);
     }
+};
+
+// The three coefficient images of the derivative.
+template <class T>
+struct AlphaBetaGamma {
+    ImageView<T> alpha;
+    ImageView<T> beta;
+    ImageView<T> gamma;
 };
 
 // Coefficients of the derivative of the correlations of all valid windows
@@ -232,36 +240,31 @@ struct Kernel_Compute_CC_CUDA {
 // pixel's texture: w = t/(t + 100) with t the smaller variance.
 struct Kernel_Compute_AlphaBetaGamma_CUDA {
     static constexpr int kFloorBytesPerElement = 13;  // three coefficients written, mask read
-    int width;
-    int height;
-    const float* meanA;
-    const float* meanB;
-    const float* varA;
-    const float* varB;
-    const float* cc;
-    const uint8_t* mask;
-    float* alpha;
-    float* beta;
-    float* gamma;
+    WindowMoments moments;
+    ConstImageView<float> cc;
+    ConstImageView<uint8_t> mask;
+    AlphaBetaGamma<float> out;
     int halfWindow;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (!nccInImage(x, y, width, height)) return;
+        if (!out.alpha.contains(x, y)) return;
         const int h = halfWindow;
-        const int idx = y * width + x;
-        alpha[idx] = 0.0f;
-        beta[idx] = 0.0f;
-        gamma[idx] = 0.0f;
-        if (!nccInterior(x, y, width, height, h) || mask[idx] != 1) return;
+        const int idx = out.alpha.index(x, y);
+        out.alpha[idx] = 0.0f;
+        out.beta[idx] = 0.0f;
+        out.gamma[idx] = 0.0f;
+        if (!nccInterior(x, y, mask.width, mask.height, h) || mask[idx] != 1) return;
         // The window of an interior pixel lies in the image, and the mask is
         // 1 only at interior pixels, so every q read here is a real statistic.
+        const WindowMoments& m = moments;
         NccAbgSums sums;
         for (int i = -h; i <= h; ++i)
             for (int j = -h; j <= h; ++j) {
-                const int q = (y + j) * width + (x + i);
-                if (mask[q] == 1) sums.add(nccAbgTerm(varA[q], varB[q], meanA[q], meanB[q], cc[q]));
+                const int q = mask.index(x + i, y + j);
+                if (mask[q] == 1) sums.add(nccAbgTerm(m.varA[q], m.varB[q], m.meanA[q], m.meanB[q], cc[q]));
             }
-        nccAbgCoefficientsFromTexture(sums, nccTexture(varA[idx], varB[idx]), alpha[idx], beta[idx], gamma[idx]);
+        nccAbgCoefficientsFromTexture(sums, nccTexture(m.varA[idx], m.varB[idx]), out.alpha[idx], out.beta[idx],
+                                      out.gamma[idx]);
     }
 };
 
@@ -269,23 +272,20 @@ struct Kernel_Compute_AlphaBetaGamma_CUDA {
 // correlation with respect to B at the pixel, up to the scales above.
 struct Kernel_Compute_NCCGrad_FromAlphaBetaGamma_CUDA {
     static constexpr int kFloorBytesPerElement = 5;  // gradient written, mask read
-    int width;
-    int height;
-    const float* imageA;
-    const float* imageB;
-    const float* alpha;
-    const float* beta;
-    const float* gamma;
-    const uint8_t* mask;
-    float* grad;
+    ConstImageView<float> imageA;
+    ConstImageView<float> imageB;
+    AlphaBetaGamma<const float> coefficients;
+    ConstImageView<uint8_t> mask;
+    ImageView<float> grad;
     int halfWindow;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (!nccInImage(x, y, width, height)) return;
-        const int idx = y * width + x;
+        if (!grad.contains(x, y)) return;
+        const int idx = grad.index(x, y);
         grad[idx] = 0.0f;
-        if (!nccInterior(x, y, width, height, halfWindow) || mask[idx] != 1) return;
-        grad[idx] = nccGradient(alpha[idx], beta[idx], gamma[idx], imageA[idx], imageB[idx]);
+        if (!nccInterior(x, y, grad.width, grad.height, halfWindow) || mask[idx] != 1) return;
+        const AlphaBetaGamma<const float>& c = coefficients;
+        grad[idx] = nccGradient(c.alpha[idx], c.beta[idx], c.gamma[idx], imageA[idx], imageB[idx]);
     }
 };
 

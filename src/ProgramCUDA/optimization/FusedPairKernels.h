@@ -14,71 +14,46 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "DeviceCommon.h"
 #include "TextureSampler.h"
 #include "mycamera.h"
 #include "ncc/NccFusedKernels.h"
+#include "optimization/PairGroups.h"
 #include "optimization/PhotometricGradientKernels.h"
 
 namespace tessaline {
 
 struct Kernel_Accumulate_PairGradient {
     static constexpr int kFloorBytesPerElement = 1;  // the mask read
-    // The pair's surface, as photometricContribution reads it.
-    int num_f;
-    const int* facets;
-    const float* facet_normals;
-    int width;
-    int height;
-    mycamera_cuda camera_ref;
-    const float* surface_ref;  // per pixel the ray and the surface point (Kernel_Surface_Points)
-    const int* facet_ref;
-    mycamera_cuda camera_tar;
-    const float* bary_b_ref;
-    const float* bary_c_ref;
-    float mean_depth_ref;
-    float mean_depth_tar;
-    float to_fixed;
-    StackLayerFetch target;
-    // The pair's images and window statistics.
-    const float* imageA;
-    const float* imageB;
-    const uint8_t* mask;
-    const float* termR;
-    const float* termB;
-    const float* termC;
-    const float* termM;
-    const float* texture;
-    int halfWindow;
-    // The iteration's sums and pair counts.
-    unsigned long long* grad_photo_sum;
-    int* pair_stamp;
-    int pair_id;
-    float* vt_pair_count;
+    PairSurface<StackLayerFetch> surface;
+    ConstImageView<SurfacePoint> surface_points;  // the reference's (Kernel_Surface_Points)
+    PairWindows windows;
+    GradientSums sums;
+    PairCounter counter;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= width || y >= height) return;
-        const int e = y * width + x;
+        const ConstImageView<uint8_t> mask = windows.terms.mask;
+        if (!mask.contains(x, y)) return;
+        const int e = mask.index(x, y);
         if (mask[e] != 1) return;
-        const float g =
-            nccGradientFromTerms(mask, termR, termB, termC, texture, imageA, imageB, width, x, y, halfWindow);
+        const float g = nccGradientFromTerms(windows, x, y);
         PixelContribution p;
-        const float* rX = surface_ref + 6 * size_t(e);
-        if (!photometricContributionAt(*this, e, rX, rX + 3, g, kIntegratedCosineLimit, p)) return;
+        const SurfacePoint& point = surface_points[e];
+        if (!photometricContributionAt(surface, sums.to_fixed, e, point.ray, point.point, g, kIntegratedCosineLimit,
+                                       p))
+            return;
         for (int m = 0; m < 3; ++m)
-            for (int q = 0; q < 3; ++q) atomicAddU64Combined(grad_photo_sum + 3 * p.vertex[m] + q, p.amount[m][q]);
+            for (int q = 0; q < 3; ++q) atomicAddU64Combined(sums.grad_photo_sum + 3 * p.vertex[m] + q, p.amount[m][q]);
         for (int m = 0; m < 3; ++m) countPair(p.vertex[m]);
     }
 
     // Counts this pair at a vertex, once whatever the number of its pixels.
     DEVICE_HOST void countPair(int vertex) const {
-        int* stamp = pair_stamp + vertex;
-        if (atomicLoadInt(stamp) != pair_id && atomicExchangeInt(stamp, pair_id) != pair_id)
-            atomicAddFloat(vt_pair_count + vertex, 1.0f);
+        int* stamp = counter.pair_stamp + vertex;
+        if (atomicLoadInt(stamp) != counter.pair_id && atomicExchangeInt(stamp, counter.pair_id) != counter.pair_id)
+            atomicAddFloat(counter.vt_pair_count + vertex, 1.0f);
     }
 };
-
 
 }  // namespace tessaline

@@ -118,7 +118,7 @@ struct MeshOptimizationCall {
     // Fast schedule: the work images of the pairs that run at one time, a
     // set per slot (one on a device, one per worker thread on the CPU).
     struct PairSlot {
-        Buffer<float> surface;  // the reference camera's rays and surface points, 6 floats a pixel
+        Buffer<SurfacePoint> surface;  // the reference camera's rays and surface points
         Buffer<float> warped;
         Buffer<uint8_t> mask;
         Buffer<float> termR, termB, termC, termM, texture;
@@ -174,7 +174,7 @@ struct MeshOptimizationCall {
             if (fast()) {
                 slots.resize(size_t(std::min(be.taskSlots(), cams)));
                 for (PairSlot& slot : slots) {
-                    slot.surface = Buffer<float>(be, 6 * px);
+                    slot.surface = Buffer<SurfacePoint>(be, px);
                     slot.warped = Buffer<float>(be, px);
                     slot.mask = Buffer<uint8_t>(be, px);
                     slot.termR = Buffer<float>(be, px);
@@ -189,7 +189,7 @@ struct MeshOptimizationCall {
                 if constexpr (Backend::isCuda) d_candidates = Buffer<uint8_t>(be, nf);
             } else {
                 d_warped = Buffer<float>(be, px);
-                nccBuffers = NccWorkBuffers<Backend>(be, px, true);
+                nccBuffers = NccWorkBuffers<Backend>(be, a.width, a.height, true);
                 ncc = nccBuffers.images();
             }
         }
@@ -258,25 +258,40 @@ struct MeshOptimizationCall {
         gradScale = fixedPointScaleFor(largest);
     }
 
+    // Camera c and its render, as the pair kernels read them.
+    RenderedCamera renderedCamera(int c) const {
+        const int w = a.width, h = a.height;
+        return {a.cameras[c], d_zbuffer[c].image(w, h), d_facet_id[c].image(w, h), d_bary_b[c].image(w, h),
+                d_bary_c[c].image(w, h)};
+    }
+
+    // Reference i and target j, the target's image a layer of the stack.
+    CameraPair<StackLayerFetch> cameraPair(int i, int j) const {
+        return {renderedCamera(i), renderedCamera(j), StackLayerFetch{d_img_stack.view(), j}};
+    }
+
+    // What the photometric gradient of reference i and target j reads.
+    PairSurface<StackLayerFetch> pairSurface(int i, int j) const {
+        return {FacetNormals{a.num_f, d_facets.get(), d_facet_normals.get()}, cameraPair(i, j), mean_depth[i],
+                mean_depth[j]};
+    }
+
+    GradientSums gradientSums() const { return {d_grad_photo_sum.get(), gradScale.toFixed}; }
+
     // Warp, NCC chain and gradient accumulation of reference i, target j.
     void pairChain(int i, int j) {
-        const mycamera_cuda& ci = a.cameras[i];
-        const mycamera_cuda& cj = a.cameras[j];
-        const int w = a.width, h = a.height;
-        const StackLayerFetch target{d_img_stack.view(), j};
+        const ImageGrid grid{a.width, a.height};
         fillFloat(a.num_v, d_vt_pair_hits.get(), 0.0f);
-        be.launch(ImageGrid{w, h}, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{
-                                       {ci, d_zbuffer[i].get(), d_facet_id[i].get(), cj, d_zbuffer[j].get(), w, h,
-                                        d_warped.get(), target}});
-        launchNccChain(be, w, h, d_imgs[i].get(), d_warped.get(), ncc, a.halfWindow, true);
-        be.launch(ImageGrid{w, h}, Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
-                                       {a.num_f, d_facets.get(), d_facet_normals.get(), w, h, ci, d_zbuffer[i].get(),
-                                        d_facet_id[i].get(), cj, d_bary_b[i].get(), d_bary_c[i].get(), ncc.grad,
-                                        ncc.mask, mean_depth[i], mean_depth[j], d_grad_photo_sum.get(),
-                                        gradScale.toFixed, d_vt_pair_hits.get(), target}});
+        be.launch(grid, Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA{{cameraPair(i, j), warpedImage()}});
+        launchNccChain(be, d_imgs[i].image(a.width, a.height), warpedImage(), ncc, a.halfWindow, true);
+        be.launch(grid, Kernel_Integrated_AddPhotometricGradient_ImagePair_CUDA{
+                            {pairSurface(i, j), ncc.grad, ncc.mask, gradientSums(), d_vt_pair_hits.get()}});
         be.launch(WideRun{a.num_v},
                   Kernel_Update_Vt_Image_Pair_Count{a.num_v, d_vt_pair_count.get(), d_vt_pair_hits.get()});
     }
+
+    // The warped target of the reference schedule's pair chain.
+    ImageView<float> warpedImage() const { return d_warped.image(a.width, a.height); }
 
     // The pairs with camera i as reference, in the fast schedule, on the
     // backend `run` (the call's own, or the serial backend of a CPU task) and
@@ -286,52 +301,23 @@ struct MeshOptimizationCall {
     template <class Run>
     void fusedPairsOf(Run& run, PairSlot& slot, int i) {
         const int w = a.width, h = a.height;
-        const mycamera_cuda& ci = a.cameras[i];
+        const ImageGrid grid{w, h};
+        const ImageView<SurfacePoint> surface = slot.surface.image(w, h);
+        const PairImages images{d_imgs[i].image(w, h), slot.warped.image(w, h)};
+        const WindowTerms terms{slot.mask.image(w, h),  slot.termR.image(w, h), slot.termB.image(w, h),
+                                slot.termC.image(w, h), slot.termM.image(w, h), slot.texture.image(w, h)};
         bool surfaceReady = false;
         for (int j = 0; j < cameraCount(); ++j) {
             if (!isPair(i, j)) continue;
-            if (!surfaceReady)
-                run.launch(ImageGrid{w, h}, Kernel_Surface_Points{ci, d_zbuffer[i].get(), d_facet_id[i].get(), w, h,
-                                                                  slot.surface.get()});
+            if (!surfaceReady) run.launch(grid, Kernel_Surface_Points{renderedCamera(i), surface});
             surfaceReady = true;
-            const mycamera_cuda& cj = a.cameras[j];
-            const StackLayerFetch target{d_img_stack.view(), j};
-            run.launch(ImageGrid{w, h}, Kernel_Warp_SurfacePoints{d_facet_id[i].get(), slot.surface.get(), cj,
-                                                                  d_zbuffer[j].get(), w, h, slot.warped.get(),
-                                                                  target});
-            run.launch(ImageGrid{w, h},
-                       Kernel_Ncc_WindowStatistics{w, h, d_imgs[i].get(), slot.warped.get(), slot.mask.get(),
-                                                   slot.termR.get(), slot.termB.get(), slot.termC.get(),
-                                                   slot.termM.get(), slot.texture.get(), a.halfWindow});
-            run.launch(ImageGrid{w, h},
-                       Kernel_Accumulate_PairGradient{a.num_f,
-                                                      d_facets.get(),
-                                                      d_facet_normals.get(),
-                                                      w,
-                                                      h,
-                                                      ci,
-                                                      slot.surface.get(),
-                                                      d_facet_id[i].get(),
-                                                      cj,
-                                                      d_bary_b[i].get(),
-                                                      d_bary_c[i].get(),
-                                                      mean_depth[i],
-                                                      mean_depth[j],
-                                                      gradScale.toFixed,
-                                                      target,
-                                                      d_imgs[i].get(),
-                                                      slot.warped.get(),
-                                                      slot.mask.get(),
-                                                      slot.termR.get(),
-                                                      slot.termB.get(),
-                                                      slot.termC.get(),
-                                                      slot.termM.get(),
-                                                      slot.texture.get(),
-                                                      a.halfWindow,
-                                                      d_grad_photo_sum.get(),
-                                                      slot.pairStamp.get(),
-                                                      slot.pairsDone++,
-                                                      d_vt_pair_count.get()});
+            const CameraPair<StackLayerFetch> pair = cameraPair(i, j);
+            run.launch(grid, Kernel_Warp_SurfacePoints{pair, surface, slot.warped.image(w, h)});
+            run.launch(grid, Kernel_Ncc_WindowStatistics{images, terms, a.halfWindow});
+            const PairCounter counter{slot.pairStamp.get(), slot.pairsDone++, d_vt_pair_count.get()};
+            run.launch(grid, Kernel_Accumulate_PairGradient{pairSurface(i, j), surface,
+                                                            PairWindows{images, readOnly(terms), a.halfWindow},
+                                                            gradientSums(), counter});
         }
     }
 

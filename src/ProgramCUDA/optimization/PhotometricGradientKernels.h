@@ -18,6 +18,7 @@
 #include "FixedPointSum.h"
 #include "TextureSampler.h"
 #include "mycamera.h"
+#include "optimization/PairGroups.h"
 
 namespace tessaline {
 
@@ -55,23 +56,23 @@ DEVICE_HOST_HOT void targetProjection(const float P[12], const float X[3], Targe
 // unit normal N, and the cosine n between N and the pixel's ray r; false
 // when the pixel has no contribution (no facet, or a cosine above
 // `cosineLimit`, compared in double: a back face or a grazing view).
-template <class Pair>
-DEVICE_HOST_HOT bool photometricFacet(const Pair& k, int e, const float r[3], double cosineLimit, int& f, float N[3],
-                                      float& n) {
-    f = k.facet_ref[e];
+template <class Fetch>
+DEVICE_HOST_HOT bool photometricFacet(const PairSurface<Fetch>& s, int e, const float r[3], double cosineLimit,
+                                      int& f, float N[3], float& n) {
+    f = s.pair.ref.facet[e];
     // A masked pixel always has a facet in the optimisation; the guard
     // protects the single-step entry point, whose mask comes from the caller.
-    if (f < 0 || f >= k.num_f) return false;
-    for (int q = 0; q < 3; ++q) N[q] = k.facet_normals[3 * f + q];
+    if (f < 0 || f >= s.mesh.num_f) return false;
+    for (int q = 0; q < 3; ++q) N[q] = s.mesh.normals[3 * f + q];
     n = N[0] * r[0] + N[1] * r[1] + N[2] * r[2];
     return !(double(n) > cosineLimit);
 }
 
 // The pair's scale of the photometric gradient: the two cameras' mean
 // depths over the reference's focal lengths.
-template <class Pair>
-DEVICE_HOST_HOT float pairScale(const Pair& k) {
-    return (k.mean_depth_ref * k.mean_depth_tar) / (k.camera_ref.fx * k.camera_ref.fy);
+template <class Fetch>
+DEVICE_HOST_HOT float pairScale(const PairSurface<Fetch>& s) {
+    return (s.mean_depth_ref * s.mean_depth_tar) / (s.pair.ref.camera.fx * s.pair.ref.camera.fy);
 }
 
 // The motion of the surface along the pixel's ray per unit motion along
@@ -92,65 +93,64 @@ DEVICE_HOST_HOT void vertexShares(float s, float b, float c, float D, float a[3]
 }
 
 // The fixed-point amounts that shares a[] add along the normal N.
-template <class Pair>
-DEVICE_HOST_HOT void vertexAmounts(const Pair& k, int f, const float N[3], const float a[3], PixelContribution& out) {
+DEVICE_HOST_HOT void vertexAmounts(const FacetNormals& mesh, float to_fixed, int f, const float N[3],
+                                   const float a[3], PixelContribution& out) {
     out.facet = f;
     for (int m = 0; m < 3; ++m) {
-        out.vertex[m] = k.facets[3 * f + m];
-        for (int q = 0; q < 3; ++q) out.amount[m][q] = toFixedPoint(a[m] * N[q], k.to_fixed);
+        out.vertex[m] = mesh.facets[3 * f + m];
+        for (int q = 0; q < 3; ++q) out.amount[m][q] = toFixedPoint(a[m] * N[q], to_fixed);
     }
 }
 
 // The target image's central differences at the projection, one pixel
 // apart, on the fetch's 0..1 scale.
-template <class Pair>
-DEVICE_HOST_HOT void targetGradient(const Pair& k, const TargetProjection& t, float& gx, float& gy) {
-    gx = k.target(t.u + 1.0f, t.v + 0.5f) - k.target(t.u + 0.0f, t.v + 0.5f);
-    gy = k.target(t.u + 0.5f, t.v + 1.0f) - k.target(t.u + 0.5f, t.v + 0.0f);
+template <class Fetch>
+DEVICE_HOST_HOT void targetGradient(const Fetch& target, const TargetProjection& t, float& gx, float& gy) {
+    gx = target(t.u + 1.0f, t.v + 0.5f) - target(t.u + 0.0f, t.v + 0.5f);
+    gy = target(t.u + 0.5f, t.v + 1.0f) - target(t.u + 0.5f, t.v + 0.0f);
 }
 
 // The last steps: the target image's gradient at the projection, the motion
 // along the ray per unit motion along the normal, and the fixed-point
-// amounts for the facet's three vertices; s is pairScale(k).
-template <class Pair>
-DEVICE_HOST_HOT void photometricAmounts(const Pair& k, int e, int f, const float N[3], float n, const float r[3],
-                                        const TargetProjection& t, float g, float s, PixelContribution& out) {
+// amounts for the facet's three vertices; `scale` is pairScale(s).
+template <class Fetch>
+DEVICE_HOST_HOT void photometricAmounts(const PairSurface<Fetch>& s, float to_fixed, int e, int f, const float N[3],
+                                        float n, const float r[3], const TargetProjection& t, float g, float scale,
+                                        PixelContribution& out) {
     float gx, gy;
-    targetGradient(k, t, gx, gy);
+    targetGradient(s.pair.target, t, gx, gy);
     float a[3];
-    vertexShares(s, k.bary_b_ref[e], k.bary_c_ref[e], alongRay(g, gx, gy, t, r, n), a);
-    vertexAmounts(k, f, N, a, out);
+    vertexShares(scale, s.pair.ref.bary_b[e], s.pair.ref.bary_c[e], alongRay(g, gx, gy, t, r, n), a);
+    vertexAmounts(s.mesh, to_fixed, f, N, a, out);
 }
 
 // The contribution of reference pixel e, whose NCC derivative is g, or
 // false when it has none; r is the pixel's unit viewing ray and X its
-// surface point. `k` holds the pair's surface: num_f, facets, facet_normals,
-// facet_ref, camera_ref, camera_tar, bary_b_ref, bary_c_ref, mean_depth_ref,
-// mean_depth_tar, to_fixed and target, a fetch of the target image (0..1) at
-// texel coordinates.
-template <class Pair>
-DEVICE_HOST bool photometricContributionAt(const Pair& k, int e, const float r[3], const float X[3], float g,
-                                           double cosineLimit, PixelContribution& out) {
+// surface point.
+template <class Fetch>
+DEVICE_HOST bool photometricContributionAt(const PairSurface<Fetch>& s, float to_fixed, int e, const float r[3],
+                                           const float X[3], float g, double cosineLimit, PixelContribution& out) {
     int f;
     float N[3], n;
-    if (!photometricFacet(k, e, r, cosineLimit, f, N, n)) return false;
+    if (!photometricFacet(s, e, r, cosineLimit, f, N, n)) return false;
     // The mask says the warp found this point in front of the target, with
     // the same arithmetic, so pw > 0 here.
     TargetProjection t;
-    targetProjection(k.camera_tar.P, X, t);
-    photometricAmounts(k, e, f, N, n, r, t, g, pairScale(k), out);
+    targetProjection(s.pair.tar.camera.P, X, t);
+    photometricAmounts(s, to_fixed, e, f, N, n, r, t, g, pairScale(s), out);
     return true;
 }
 
 // The same for reference pixel (x, y), its ray and surface point worked out
-// from the reference camera and depth_ref.
-template <class Pair>
-DEVICE_HOST bool photometricContribution(const Pair& k, int x, int y, float g, double cosineLimit,
-                                         PixelContribution& out) {
-    const int e = y * k.width + x;
+// from the reference camera and its depth.
+template <class Fetch>
+DEVICE_HOST bool photometricContribution(const PairSurface<Fetch>& s, float to_fixed, int x, int y, float g,
+                                         double cosineLimit, PixelContribution& out) {
+    const RenderedCamera& ref = s.pair.ref;
+    const int e = ref.depth.index(x, y);
     float C[3], r[3], X[3];
-    pixelSurfacePointF(k.camera_ref, x, y, k.depth_ref[e], C, r, X);
-    return photometricContributionAt(k, e, r, X, g, cosineLimit, out);
+    pixelSurfacePointF(ref.camera, x, y, ref.depth[e], C, r, X);
+    return photometricContributionAt(s, to_fixed, e, r, X, g, cosineLimit, out);
 }
 
 // The gradient accumulation of one ordered pair, per reference pixel, from
@@ -159,34 +159,21 @@ DEVICE_HOST bool photometricContribution(const Pair& k, int x, int y, float g, d
 template <class Fetch, int CosineLimitHundredths>
 struct PhotometricGradient {
     static constexpr int kFloorBytesPerElement = 1;  // the mask read
-    int num_f;
-    const int* facets;
-    const float* facet_normals;
-    int width;
-    int height;
-    mycamera_cuda camera_ref;
-    const float* depth_ref;
-    const int* facet_ref;
-    mycamera_cuda camera_tar;
-    const float* bary_b_ref;
-    const float* bary_c_ref;
-    const float* ncc_grad;
-    const uint8_t* visible_mask;
-    float mean_depth_ref;
-    float mean_depth_tar;
-    unsigned long long* grad_photo_sum;  // GRAD_PHOTO before normalisation, fixed point
-    float to_fixed;
+    PairSurface<Fetch> surface;
+    ConstImageView<float> ncc_grad;
+    ConstImageView<uint8_t> visible_mask;
+    GradientSums sums;
     float* vt_pair_hits;
-    Fetch target;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= width || y >= height) return;
-        const int e = y * width + x;
+        if (!visible_mask.contains(x, y)) return;
+        const int e = visible_mask.index(x, y);
         if (visible_mask[e] != 1) return;
         PixelContribution p;
-        if (!photometricContribution(*this, x, y, ncc_grad[e], double(CosineLimitHundredths) / 100.0, p)) return;
+        const double limit = double(CosineLimitHundredths) / 100.0;
+        if (!photometricContribution(surface, sums.to_fixed, x, y, ncc_grad[e], limit, p)) return;
         for (int m = 0; m < 3; ++m)
-            for (int q = 0; q < 3; ++q) atomicAddU64(grad_photo_sum + 3 * p.vertex[m] + q, p.amount[m][q]);
+            for (int q = 0; q < 3; ++q) atomicAddU64(sums.grad_photo_sum + 3 * p.vertex[m] + q, p.amount[m][q]);
         for (int m = 0; m < 3; ++m) atomicAddFloat(vt_pair_hits + p.vertex[m], 1.0f);
     }
 };

@@ -10,8 +10,10 @@
 
 #include "CameraGeometry.h"
 #include "DeviceCommon.h"
+#include "ImageView.h"
 #include "TextureSampler.h"
 #include "mycamera.h"
+#include "optimization/PairGroups.h"
 
 namespace tessaline {
 
@@ -38,12 +40,14 @@ DEVICE_HOST_HOT void targetView(const float X[3], const mycamera_cuda& camera_ta
 // The grey level that the target shows at (u, v) of a point at distance dt
 // from its centre: the target image (`target`, 0..1) there, times 255, when
 // (u, v) lies more than 10 pixels inside the target and one of the four
-// depth cells around it agrees with dt within 1%; else the "no value" mark.
+// cells of the target's depth around it agrees with dt within 1%; else the
+// "no value" mark.
 template <class Fetch>
-DEVICE_HOST_HOT float warpedValueAt(float u, float v, float dt, const float* depth_tar, int width, int height,
+DEVICE_HOST_HOT float warpedValueAt(float u, float v, float dt, ConstImageView<float> depth_tar,
                                     const Fetch& target) {
     // Strict border test; it also keeps the four depth cells below and the
     // bilinear fetch inside the image. NaN fails it too.
+    const int width = depth_tar.width, height = depth_tar.height;
     if (!(u > kWarpBorder && u < float(width - 10) && v > kWarpBorder && v < float(height - 10))) return kWarpNoValue;
 
     // Visible if any of the four depth cells around (u, v) is within 1% of
@@ -58,43 +62,37 @@ DEVICE_HOST_HOT float warpedValueAt(float u, float v, float dt, const float* dep
     return kWarpNoValue;
 }
 
-// The grey level that the target shows of surface point X, seen from a
-// reference pixel.
+// The grey level that the pair's target shows of surface point X, seen from
+// a reference pixel.
 template <class Fetch>
-DEVICE_HOST float warpedValue(const float X[3], const mycamera_cuda& camera_tar, const float* depth_tar, int width,
-                              int height, const Fetch& target) {
+DEVICE_HOST float warpedValue(const float X[3], const CameraPair<Fetch>& pair) {
     float Ct[3];
-    cameraCentreF(camera_tar, Ct);
+    cameraCentreF(pair.tar.camera, Ct);
     float u, v, dt;
-    targetView(X, camera_tar, Ct, u, v, dt);
-    return warpedValueAt(u, v, dt, depth_tar, width, height, target);
+    targetView(X, pair.tar.camera, Ct, u, v, dt);
+    return warpedValueAt(u, v, dt, pair.tar.depth, pair.target);
 }
 
-// The warp of one ordered pair, per reference pixel. `Fetch` samples the
-// target image (0..1) at texel coordinates: a layer of the image stack in
-// the optimisation, an image bound on its own in the single-step entry point.
+// The warp of one ordered pair, per reference pixel, from the reference's
+// camera, depth and facets and the target's camera, depth and image.
+// `Fetch` samples the target image (0..1) at texel coordinates: a layer of
+// the image stack in the optimisation, an image bound on its own in the
+// single-step entry point.
 template <class Fetch>
 struct PerspectiveWarp {
     static constexpr int kFloorBytesPerElement = 12;  // warped value written, reference depth and facet read
-    mycamera_cuda camera_ref;
-    const float* depth_ref;
-    const int* facet_ref;
-    mycamera_cuda camera_tar;
-    const float* depth_tar;
-    int width;
-    int height;
-    float* warped;
-    Fetch target;
+    CameraPair<Fetch> pair;
+    ImageView<float> warped;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= width || y >= height) return;
-        const int e = y * width + x;
+        if (!warped.contains(x, y)) return;
+        const int e = warped.index(x, y);
         warped[e] = kWarpNoValue;
-        const int f = facet_ref[e];
+        const int f = pair.ref.facet[e];
         if (f < 0) return;  // uncovered, or the nearest surface faces away
         float Cr[3], r[3], X[3];
-        pixelSurfacePointF(camera_ref, x, y, depth_ref[e], Cr, r, X);
-        warped[e] = warpedValue(X, camera_tar, depth_tar, width, height, target);
+        pixelSurfacePointF(pair.ref.camera, x, y, pair.ref.depth[e], Cr, r, X);
+        warped[e] = warpedValue(X, pair);
     }
 };
 
@@ -104,46 +102,35 @@ struct Kernel_Integrated_Perspective_Image_Model_Image_Warp_CUDA : PerspectiveWa
 // The warp of one pair whose target image is bound on its own.
 struct Kernel_Perspective_Image_Model_Image_Warp_CUDA : PerspectiveWarp<ImageFetch> {};
 
-// The surface a camera sees, per pixel with a facet: the unit viewing ray r
-// and the point X = C + d r at the pixel's depth, six floats (r, then X).
-// Every pair with this camera as reference reads them instead of working
-// them out again; pixels without a facet are left as they were.
+// The surface a camera sees, per pixel with a facet (SurfacePoint). Every
+// pair with this camera as reference reads them instead of working them out
+// again; pixels without a facet are left as they were.
 struct Kernel_Surface_Points {
     static constexpr int kFloorBytesPerElement = 8;  // depth and facet read
-    mycamera_cuda camera;
-    const float* depth;
-    const int* facet;
-    int width;
-    int height;
-    float* surface;
+    RenderedCamera camera;
+    ImageView<SurfacePoint> surface;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= width || y >= height) return;
-        const int e = y * width + x;
-        if (facet[e] < 0) return;
+        if (!surface.contains(x, y)) return;
+        const int e = surface.index(x, y);
+        if (camera.facet[e] < 0) return;
         float C[3];
-        pixelSurfacePointF(camera, x, y, depth[e], C, surface + 6 * size_t(e), surface + 6 * size_t(e) + 3);
+        SurfacePoint& s = surface[e];
+        pixelSurfacePointF(camera.camera, x, y, camera.depth[e], C, s.ray, s.point);
     }
 };
 
 // The warp of one ordered pair from the reference camera's surface points.
 struct Kernel_Warp_SurfacePoints {
     static constexpr int kFloorBytesPerElement = 8;  // warped value written, facet read
-    const int* facet_ref;
-    const float* surface_ref;
-    mycamera_cuda camera_tar;
-    const float* depth_tar;
-    int width;
-    int height;
-    float* warped;
-    StackLayerFetch target;
+    CameraPair<StackLayerFetch> pair;
+    ConstImageView<SurfacePoint> surface_ref;
+    ImageView<float> warped;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= width || y >= height) return;
-        const int e = y * width + x;
-        warped[e] = facet_ref[e] < 0 ? kWarpNoValue
-                                     : warpedValue(surface_ref + 6 * size_t(e) + 3, camera_tar, depth_tar, width,
-                                                   height, target);
+        if (!warped.contains(x, y)) return;
+        const int e = warped.index(x, y);
+        warped[e] = pair.ref.facet[e] < 0 ? kWarpNoValue : warpedValue(surface_ref[e].point, pair);
     }
 };
 

@@ -55,10 +55,11 @@ DeviceStatus perspectiveWarpEntry(Backend& be, const PerspectiveWarpArgs& a) {
         const auto target = makeImageTexture(be, a.image_tar, a.width, a.height);
         DeviceBuffer<float, Backend> depthRef(be, a.depth_ref, n), depthTar(be, a.depth_tar, n), warped(be, n);
         DeviceBuffer<int, Backend> facetRef(be, a.facet_ref, n);
-        be.launch(ImageGrid{a.width, a.height},
-                  Kernel_Perspective_Image_Model_Image_Warp_CUDA{{a.camera_ref, depthRef.get(), facetRef.get(),
-                                                                  a.camera_tar, depthTar.get(), a.width, a.height,
-                                                                  warped.get(), ImageFetch{target.view()}}});
+        const int w = a.width, h = a.height;
+        const RenderedCamera ref{a.camera_ref, depthRef.image(w, h), facetRef.image(w, h), {}, {}};
+        const RenderedCamera tar{a.camera_tar, depthTar.image(w, h), {}, {}, {}};
+        be.launch(ImageGrid{w, h}, Kernel_Perspective_Image_Model_Image_Warp_CUDA{
+                                       {{ref, tar, ImageFetch{target.view()}}, warped.image(w, h)}});
         ring.show();
         warped.download(a.warped);
     }
@@ -109,12 +110,16 @@ DeviceStatus pairGradientEntry(Backend& be, const PairGradientArgs& a) {
         DeviceBuffer<float, Backend> gradPhoto(be, a.grad_photo, 3 * nv), pairHits(be, a.vt_pair_hits, nv);
         DeviceBuffer<unsigned long long, Backend> sums(be, 3 * nv);
         be.launch(WideRun{sumCount}, Kernel_Clear_FixedPointSums{sumCount, sums.get()});
-        be.launch(ImageGrid{a.width, a.height},
-                  Kernel_AddPhotometricGradient_ImagePair_CUDA{
-                      {a.num_f, facets.get(), normals.get(), a.width, a.height, a.camera_ref, depthRef.get(),
-                       facetRef.get(), a.camera_tar, baryB.get(), baryC.get(), nccGrad.get(), mask.get(),
-                       a.mean_depth_ref, a.mean_depth_tar, sums.get(), scale.toFixed, pairHits.get(),
-                       ImageFetch{target.view()}}});
+        const int w = a.width, h = a.height;
+        const RenderedCamera ref{a.camera_ref, depthRef.image(w, h), facetRef.image(w, h), baryB.image(w, h),
+                                 baryC.image(w, h)};
+        const RenderedCamera tar{a.camera_tar, {}, {}, {}, {}};
+        const PairSurface<ImageFetch> surface{FacetNormals{a.num_f, facets.get(), normals.get()},
+                                              {ref, tar, ImageFetch{target.view()}}, a.mean_depth_ref,
+                                              a.mean_depth_tar};
+        be.launch(ImageGrid{w, h}, Kernel_AddPhotometricGradient_ImagePair_CUDA{
+                                       {surface, nccGrad.image(w, h), mask.image(w, h),
+                                        GradientSums{sums.get(), scale.toFixed}, pairHits.get()}});
         be.launch(WideRun{sumCount}, Kernel_Add_FixedPointSums{sumCount, gradPhoto.get(), sums.get(), scale.toFloat});
         ring.show();
         gradPhoto.download(grad.data());

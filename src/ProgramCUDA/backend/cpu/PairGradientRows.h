@@ -46,15 +46,14 @@ inline void gradients(const float* __restrict R, const float* __restrict B, cons
     }
 }
 
-// The target projections of 8 neighbouring pixels, from their surface
-// points (6 floats a pixel: ray, then point).
-inline void targetProjections(const float* __restrict P, const float* __restrict surface,
+// The target projections of neighbouring pixels, from their surface points.
+inline void targetProjections(const float* __restrict P, const SurfacePoint* __restrict surface,
                               TargetProjection* __restrict t) {
     float X0[kLanes], X1[kLanes], X2[kLanes];
     for (int l = 0; l < kLanes; ++l) {
-        X0[l] = surface[6 * l + 3];
-        X1[l] = surface[6 * l + 4];
-        X2[l] = surface[6 * l + 5];
+        X0[l] = surface[l].point[0];
+        X1[l] = surface[l].point[1];
+        X2[l] = surface[l].point[2];
     }
     for (int l = 0; l < kLanes; ++l) {
         const float X[3] = {X0[l], X1[l], X2[l]};
@@ -62,128 +61,170 @@ inline void targetProjections(const float* __restrict P, const float* __restrict
     }
 }
 
-}  // namespace cpurow
+// Per-vertex sums waiting to be added to the shared ones: a small table
+// that sends a vertex's sums on, with one atomic addition per axis, only
+// when another vertex takes its entry, or at the end. Fixed-point addition
+// is associative, so the shared sums come out the same.
+class PendingVertexSums {
+   public:
+    explicit PendingVertexSums(const Kernel_Accumulate_PairGradient& k) : k_(k) {
+        table().assign(kTableSize, Pending{-1, {0, 0, 0}});
+    }
 
-// Rows y0..y1-1 of the gradient pass on the CPU: the same sums as the
-// per-pixel kernel. The window sums of alpha, beta and gamma are worked for
-// 8 neighbouring pixels at once (skipped together when none of them is in
-// the mask; the pixels left at the row's end are worked one by one), and the
-// contributions are added up before they go to the shared sums: those of a
-// run of pixels on one facet first, then per vertex in a small table that
-// sends a vertex's sums on with one atomic addition per axis only when
-// another vertex takes its entry, or at the end. Fixed-point addition is
-// associative, so the sums are the same.
-inline void cpuRows(const Kernel_Accumulate_PairGradient& k, int y0, int y1) {
-    using cpurow::kLanes;
-    const int W = k.width, H = k.height, h = k.halfWindow;
-    const int x0 = h, x1 = W - h;
-
-    // Per-vertex sums waiting to be added to the shared ones.
-    struct Pending {
-        int vertex;
-        unsigned long long amount[3];
-    };
-    constexpr int kTableSize = 4096;  // a power of two
-    thread_local std::vector<Pending> table;
-    table.assign(kTableSize, Pending{-1, {0, 0, 0}});
-    const auto send = [&](Pending& p) {
-        if (p.vertex < 0) return;
-        for (int q = 0; q < 3; ++q)
-            if (p.amount[q] != 0) atomicAddU64(k.grad_photo_sum + 3 * p.vertex + q, p.amount[q]);
-        k.countPair(p.vertex);
-        p.vertex = -1;
-    };
-    const auto addToVertex = [&](int vertex, const unsigned long long amount[3]) {
-        Pending& p = table[size_t(vertex) & (kTableSize - 1)];
+    void add(int vertex, const unsigned long long amount[3]) {
+        Pending& p = table()[size_t(vertex) & (kTableSize - 1)];
         if (p.vertex != vertex) {
             send(p);
             p = Pending{vertex, {0, 0, 0}};
         }
         for (int q = 0; q < 3; ++q) p.amount[q] += amount[q];
-    };
+    }
 
-    struct Run {
-        PixelContribution sum{};
-        bool open = false;
-    } run;
-    const auto flushRun = [&] {
-        if (!run.open) return;
-        for (int m = 0; m < 3; ++m) addToVertex(run.sum.vertex[m], run.sum.amount[m]);
-        run.open = false;
+    void sendAll() {
+        for (Pending& p : table()) send(p);
+    }
+
+   private:
+    struct Pending {
+        int vertex;
+        unsigned long long amount[3];
     };
-    const auto addToRun = [&](const PixelContribution& p) {
-        if (run.open && p.facet == run.sum.facet) {
+    static constexpr int kTableSize = 4096;  // a power of two
+
+    static std::vector<Pending>& table() {
+        thread_local std::vector<Pending> entries;
+        return entries;
+    }
+
+    void send(Pending& p) {
+        if (p.vertex < 0) return;
+        for (int q = 0; q < 3; ++q)
+            if (p.amount[q] != 0) atomicAddU64(k_.sums.grad_photo_sum + 3 * p.vertex + q, p.amount[q]);
+        k_.countPair(p.vertex);
+        p.vertex = -1;
+    }
+
+    const Kernel_Accumulate_PairGradient& k_;
+};
+
+// The contributions of a run of pixels on one facet, added up before they
+// go on to the facet's vertices.
+class FacetRun {
+   public:
+    explicit FacetRun(PendingVertexSums& vertices) : vertices_(vertices) {}
+
+    void add(const PixelContribution& p) {
+        if (open_ && p.facet == sum_.facet) {
             for (int m = 0; m < 3; ++m)
-                for (int q = 0; q < 3; ++q) run.sum.amount[m][q] += p.amount[m][q];
+                for (int q = 0; q < 3; ++q) sum_.amount[m][q] += p.amount[m][q];
             return;
         }
-        flushRun();
-        run.sum = p;
-        run.open = true;
-    };
-
-    const float scale = pairScale(k);
-
-    // The contribution of valid pixel e with NCC derivative g.
-    const auto contribute = [&](size_t e, float g) {
-        PixelContribution p;
-        const float* rX = k.surface_ref + 6 * e;
-        if (photometricContributionAt(k, int(e), rX, rX + 3, g, kIntegratedCosineLimit, p)) addToRun(p);
-    };
-
-    for (int y = y0; y < y1 && y < H; ++y) {
-        // Only interior pixels are in the mask.
-        if (y < h || y > H - 1 - h || x0 >= x1) continue;
-        const size_t row = size_t(y) * W;
-        int x = x0;
-        for (; x + kLanes <= x1; x += kLanes) {
-            const size_t e = row + size_t(x);
-            if (!cpurow::anyValid(k.mask + e)) continue;
-            float g[kLanes];
-            cpurow::gradients(k.termR + e, k.termB + e, k.termC + e, k.termM + e, k.texture + e, k.imageA + e,
-                              k.imageB + e, W, h, g);
-            // The target projections of the 8 pixels at once (lanes outside
-            // the mask are worked too, and dropped).
-            TargetProjection t[kLanes];
-            const float* surface = k.surface_ref + 6 * e;
-            cpurow::targetProjections(k.camera_tar.P, surface, t);
-            // Per lane: the facet and the cosine (scalar), the target's
-            // gradient (scalar fetches), then the motion along the ray and
-            // the vertices' shares for all lanes at once, and the amounts of
-            // the lanes that contribute.
-            bool contributes[kLanes];
-            int facet[kLanes];
-            float N[kLanes][3], n[kLanes], gx[kLanes], gy[kLanes], b[kLanes], c[kLanes];
-            for (int l = 0; l < kLanes; ++l) {
-                contributes[l] = k.mask[e + l] == 1 &&
-                                 photometricFacet(k, int(e) + l, surface + 6 * l, kIntegratedCosineLimit, facet[l],
-                                                  N[l], n[l]);
-                gx[l] = gy[l] = b[l] = c[l] = 0.0f;
-                if (!contributes[l]) {
-                    n[l] = 1.0f;  // a lane that is dropped: any finite values
-                    continue;
-                }
-                targetGradient(k, t[l], gx[l], gy[l]);
-                b[l] = k.bary_b_ref[e + l];
-                c[l] = k.bary_c_ref[e + l];
-            }
-            float shares[kLanes][3];
-            for (int l = 0; l < kLanes; ++l)
-                vertexShares(scale, b[l], c[l], alongRay(g[l], gx[l], gy[l], t[l], surface + 6 * l, n[l]), shares[l]);
-            for (int l = 0; l < kLanes; ++l) {
-                if (!contributes[l]) continue;
-                PixelContribution p;
-                vertexAmounts(k, facet[l], N[l], shares[l], p);
-                addToRun(p);
-            }
-        }
-        for (; x < x1; ++x)
-            if (k.mask[row + x] == 1)
-                contribute(row + x, nccGradientFromTerms(k.mask, k.termR, k.termB, k.termC, k.texture, k.imageA,
-                                                         k.imageB, W, x, y, h));
+        flush();
+        sum_ = p;
+        open_ = true;
     }
-    flushRun();
-    for (Pending& p : table) send(p);
-}
+
+    void flush() {
+        if (!open_) return;
+        for (int m = 0; m < 3; ++m) vertices_.add(sum_.vertex[m], sum_.amount[m]);
+        open_ = false;
+    }
+
+   private:
+    PendingVertexSums& vertices_;
+    PixelContribution sum_{};
+    bool open_ = false;
+};
+
+// The gradient pass over rows of the reference image.
+class PairGradientRows {
+   public:
+    explicit PairGradientRows(const Kernel_Accumulate_PairGradient& k)
+        : k_(k), vertices_(k), run_(vertices_), scale_(pairScale(k.surface)) {}
+
+    // Rows y0..y1-1; only interior pixels are in the mask.
+    void rows(int y0, int y1) {
+        const ConstImageView<uint8_t> mask = k_.windows.terms.mask;
+        const int W = mask.width, H = mask.height, h = k_.windows.halfWindow;
+        const int x0 = h, x1 = W - h;
+        for (int y = y0; y < y1 && y < H; ++y) {
+            if (y < h || y > H - 1 - h || x0 >= x1) continue;
+            const size_t row = size_t(y) * W;
+            int x = x0;
+            for (; x + kLanes <= x1; x += kLanes)
+                if (anyValid(mask.at(row + size_t(x)))) lanes(row + size_t(x));
+            for (; x < x1; ++x)
+                if (mask[row + x] == 1) pixel(row + x, nccGradientFromTerms(k_.windows, x, y));
+        }
+        run_.flush();
+        vertices_.sendAll();
+    }
+
+   private:
+    // The contribution of valid pixel e with NCC derivative g.
+    void pixel(size_t e, float g) {
+        PixelContribution p;
+        const SurfacePoint& s = k_.surface_points[e];
+        if (photometricContributionAt(k_.surface, k_.sums.to_fixed, int(e), s.ray, s.point, g,
+                                      kIntegratedCosineLimit, p))
+            run_.add(p);
+    }
+
+    // kLanes neighbouring pixels from e on: the window sums of alpha, beta
+    // and gamma and the target projections of all lanes at once (lanes
+    // outside the mask are worked too, and dropped); per lane the facet and
+    // the cosine, and the target's gradient (scalar fetches); then the
+    // motion along the ray and the vertices' shares of all lanes at once,
+    // and the amounts of the lanes that contribute.
+    void lanes(size_t e) {
+        const PairWindows& w = k_.windows;
+        const ConstWindowTerms& t = w.terms;
+        float g[kLanes];
+        gradients(t.termR.at(e), t.termB.at(e), t.termC.at(e), t.termM.at(e), t.texture.at(e), w.images.imageA.at(e),
+                  w.images.imageB.at(e), t.mask.width, w.halfWindow, g);
+        TargetProjection proj[kLanes];
+        const SurfacePoint* surface = k_.surface_points.at(e);
+        targetProjections(k_.surface.pair.tar.camera.P, surface, proj);
+        bool contributes[kLanes];
+        int facet[kLanes];
+        float N[kLanes][3], n[kLanes], gx[kLanes], gy[kLanes], b[kLanes], c[kLanes];
+        for (int l = 0; l < kLanes; ++l) {
+            contributes[l] = t.mask[e + l] == 1 && photometricFacet(k_.surface, int(e) + l, surface[l].ray,
+                                                                    kIntegratedCosineLimit, facet[l], N[l], n[l]);
+            gx[l] = gy[l] = b[l] = c[l] = 0.0f;
+            if (!contributes[l]) {
+                n[l] = 1.0f;  // a lane that is dropped: any finite values
+                continue;
+            }
+            targetGradient(k_.surface.pair.target, proj[l], gx[l], gy[l]);
+            b[l] = k_.surface.pair.ref.bary_b[e + l];
+            c[l] = k_.surface.pair.ref.bary_c[e + l];
+        }
+        float shares[kLanes][3];
+        for (int l = 0; l < kLanes; ++l)
+            vertexShares(scale_, b[l], c[l], alongRay(g[l], gx[l], gy[l], proj[l], surface[l].ray, n[l]), shares[l]);
+        for (int l = 0; l < kLanes; ++l) {
+            if (!contributes[l]) continue;
+            PixelContribution p;
+            vertexAmounts(k_.surface.mesh, k_.sums.to_fixed, facet[l], N[l], shares[l], p);
+            run_.add(p);
+        }
+    }
+
+    const Kernel_Accumulate_PairGradient& k_;
+    PendingVertexSums vertices_;
+    FacetRun run_;
+    const float scale_;
+};
+
+}  // namespace cpurow
+
+// Rows y0..y1-1 of the gradient pass on the CPU: the same sums as the
+// per-pixel kernel. The window sums are worked for kLanes neighbouring
+// pixels at once (skipped together when none of them is in the mask; the
+// pixels left at the row's end are worked one by one), and the
+// contributions are added up before they go to the shared sums: those of a
+// run of pixels on one facet first, then per vertex.
+inline void cpuRows(const Kernel_Accumulate_PairGradient& k, int y0, int y1) { cpurow::PairGradientRows(k).rows(y0, y1); }
 
 }  // namespace tessaline

@@ -77,7 +77,8 @@ inline void clearWhereBad(uint8_t* __restrict mask, const uint8_t* __restrict ba
 // row's end go through the per-pixel kernel.
 inline void cpuRows(const Kernel_Ncc_WindowStatistics& k, int y0, int y1) {
     using cpurow::kLanes;
-    const int W = k.width, H = k.height, h = k.halfWindow;
+    const WindowTerms& t = k.terms;
+    const int W = t.mask.width, H = t.mask.height, h = k.halfWindow;
     const float N = nccWindowCount(h);
     const int x0 = h, x1 = W - h;  // the interior columns
     thread_local std::vector<uint8_t> badColumn;
@@ -85,12 +86,12 @@ inline void cpuRows(const Kernel_Ncc_WindowStatistics& k, int y0, int y1) {
     uint8_t* bad = badColumn.data();
     for (int y = y0; y < y1 && y < H; ++y) {
         const size_t row = size_t(y) * W;
-        uint8_t* maskRow = k.mask + row;
-        float* R = k.termR + row;
-        float* Bt = k.termB + row;
-        float* Ct = k.termC + row;
-        float* M = k.termM + row;
-        float* T = k.texture + row;
+        uint8_t* maskRow = t.mask.at(row);
+        float* R = t.termR.at(row);
+        float* Bt = t.termB.at(row);
+        float* Ct = t.termC.at(row);
+        float* M = t.termM.at(row);
+        float* T = t.texture.at(row);
         for (int x = 0; x < W; ++x) {
             maskRow[x] = 0;
             R[x] = Bt[x] = Ct[x] = M[x] = T[x] = 0.0f;
@@ -99,7 +100,7 @@ inline void cpuRows(const Kernel_Ncc_WindowStatistics& k, int y0, int y1) {
         // Columns of the window that hold the "no value" mark.
         for (int x = 0; x < W; ++x) bad[x] = 0;
         for (int j = -h; j <= h; ++j) {
-            const float* b = k.imageB + size_t(y + j) * W;
+            const float* b = k.images.imageB.at(size_t(y + j) * W);
             for (int x = 0; x < W; ++x) bad[x] |= b[x] == kNoValue ? 1 : 0;
         }
         for (int x = x0; x < x1; ++x) maskRow[x] = 1;
@@ -108,15 +109,16 @@ inline void cpuRows(const Kernel_Ncc_WindowStatistics& k, int y0, int y1) {
         for (; x + kLanes <= x1; x += kLanes) {
             if (!cpurow::anyValid(maskRow + x)) continue;
             float meanA[kLanes], meanB[kLanes], sAA[kLanes], sBB[kLanes], sAB[kLanes];
-            cpurow::windowSums(k.imageA + row + x, k.imageB + row + x, W, h, N, meanA, meanB, sAA, sBB, sAB);
+            cpurow::windowSums(k.images.imageA.at(row + x), k.images.imageB.at(row + x), W, h, N, meanA, meanB, sAA,
+                               sBB, sAB);
             for (int l = 0; l < kLanes; ++l) {
                 if (maskRow[x + l] != 1) continue;
                 const float varA = nccVariance(sAA[l], h), varB = nccVariance(sBB[l], h);
-                const NccAbgTerm t =
+                const NccAbgTerm term =
                     nccAbgTerm(varA, varB, meanA[l], meanB[l], nccCorrelation(sAB[l] / N, varA, varB));
-                R[x + l] = t.r;
-                Bt[x + l] = t.b;
-                Ct[x + l] = t.c;
+                R[x + l] = term.r;
+                Bt[x + l] = term.b;
+                Ct[x + l] = term.c;
                 M[x + l] = 1.0f;
                 T[x + l] = nccTexture(varA, varB);
             }
