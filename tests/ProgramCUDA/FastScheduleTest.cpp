@@ -115,13 +115,17 @@ TEST(FastScheduleParts, BandAndSharedColumnRendersLeaveTheReferenceBytes) {
                                       std::vector<float>(n, 6.0f), std::vector<int>(n, -1)};
         std::vector<unsigned long long> keys(n, depthFacetKey(kDepthClear, 0));
         std::vector<uint8_t> candidates(size_t(nf), 0);
+        const MeshGeometry mesh{v.data(), nf, f.data()};
+        const RenderImages out{imageView(x.depth.data(), W, H), imageView(x.facet.data(), W, H),
+                               imageView(x.b.data(), W, H), imageView(x.c.data(), W, H)};
+        const ImageView<unsigned long long> keyImage = imageView(keys.data(), W, H);
         if (way == 2)
-            renderInBands(be, v.data(), nf, f.data(), cam, W, H, keys.data(), x.depth.data(), x.facet.data(),
-                          x.b.data(), x.c.data(), projected.data(), 7);
+            renderInBands(be, mesh, cam, keyImage, out, projected.data(), 7);
+        else if (way == 1)
+            renderDepthKeys(be, mesh, cam, RenderArea{0, 0, W, H}, keyImage, out,
+                            FacetWork{4, projected.data(), candidates.data()});
         else
-            renderDepthKeys(be, v.data(), nf, f.data(), cam, 0, 0, W, H, keys.data(), x.depth.data(),
-                            x.facet.data(), x.b.data(), x.c.data(), way ? 4 : 1, way ? projected.data() : nullptr,
-                            way ? candidates.data() : nullptr);
+            renderDepthKeys(be, mesh, cam, RenderArea{0, 0, W, H}, keyImage, out);
     }
     EXPECT_GT(std::count_if(r[0].facet.begin(), r[0].facet.end(), [](int id) { return id >= 0; }), long(n / 8));
     for (int way : {1, 2}) {

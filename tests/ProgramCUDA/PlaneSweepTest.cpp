@@ -314,7 +314,8 @@ TEST(HomographyWarp, IdentityCopiesTheImageInsideTheStrictBorder) {
     for (size_t i = 0; i < img.size(); ++i) img[i] = uint8_t((i * 37 + 11) % 256);
     tessaline::LayeredTexture tex;
     tex.data = img.data(), tex.width = w, tex.height = h, tex.layers = 2;
-    const tessaline::Kernel_Homography_Image_Warp_CUDA k{w, h, 1, 1, 0, 0, 0, 1, 0, 0, 0, 1, warped.data(), pitch, tex};
+    const tessaline::Kernel_Homography_Image_Warp_CUDA k{
+        tex, 1, {{1, 0, 0, 0, 1, 0, 0, 0, 1}}, {warped.data(), size_t(pitch), w, h}};
     for (int y = 0; y < h + 3; ++y)
         for (int x = 0; x < pitch; ++x) k(x, y);
     for (int y = 0; y < h + 3; ++y)

@@ -8,6 +8,14 @@
 
 namespace tessaline {
 
+// The one-rings of all vertices back to back (`list`), with each vertex's
+// run length (`counts`) and start (`offsets`).
+struct OneRingTable {
+    const int* list;
+    const int* counts;
+    const int* offsets;
+};
+
 // Umbrella operator over the flattened one-rings. With normalise false:
 //   L(v) = v - mean of v's neighbours (v itself when it has none).
 // Run again on L with normalise true it gives the second-order gradient
@@ -18,22 +26,20 @@ struct Kernel_ComputeSmoothnessGradient {
     static constexpr int kFloorBytesPerElement = 32;  // ring count and offset and own input read, output written
     int num_v;
     const float* input;
-    const int* valence_list;
-    const int* valence_counts;
-    const int* valence_offsets;
+    OneRingTable rings;
     float* output;
     bool normalise;
 
     DEVICE_HOST void operator()(int id) const {
         if (id < 0 || id >= num_v) return;
-        const int n = valence_counts[id];
+        const int n = rings.counts[id];
         float out[3] = {input[3 * id], input[3 * id + 1], input[3 * id + 2]};
         float d = 1.0f;
-        const int* ring = valence_list + valence_offsets[id];
+        const int* ring = rings.list + rings.offsets[id];
         for (int k = 0; k < n; ++k) {
             const int j = ring[k];
             for (int c = 0; c < 3; ++c) out[c] = out[c] - input[3 * j + c] / float(n);
-            if (normalise) d = fmaF(1.0f / float(valence_counts[j]), float(n), d);
+            if (normalise) d = fmaF(1.0f / float(rings.counts[j]), float(n), d);
         }
         if (normalise)
             for (int c = 0; c < 3; ++c) out[c] = out[c] / d;

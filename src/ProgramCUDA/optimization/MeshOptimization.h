@@ -204,21 +204,18 @@ struct MeshOptimizationCall {
         fillFloat(pixelCount, d_zbuffer[c].get(), kDepthClear);
         be.launch(WideRun{pixelCount}, Kernel_Set_IntArray{pixelCount, d_facet_id[c].get(), -1});
         be.launch(WideRun{pixelCount}, Kernel_Clear_DepthKeys{pixelCount, d_depth_keys.get()});
-        if (!fast()) {
-            renderDepthKeys(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], 0, 0, a.width, a.height,
-                            d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
-                            d_bary_c[c].get());
-            return;
-        }
+        const int w = a.width, h = a.height;
+        const MeshGeometry mesh{d_vertices.get(), a.num_f, d_facets.get()};
+        const RenderImages out{d_zbuffer[c].image(w, h), d_facet_id[c].image(w, h), d_bary_b[c].image(w, h),
+                               d_bary_c[c].image(w, h)};
+        const ImageView<unsigned long long> keys = d_depth_keys.image(w, h);
+        if (!fast()) return renderDepthKeys(be, mesh, a.cameras[c], RenderArea{0, 0, w, h}, keys, out);
         be.launch(WideRun{a.num_v}, Kernel_Project_Vertices{a.num_v, d_vertices.get(), a.cameras[c], d_projected.get()});
         if constexpr (Backend::isCuda)
-            renderDepthKeys(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], 0, 0, a.width, a.height,
-                            d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
-                            d_bary_c[c].get(), Backend::kZBufferLanes, d_projected.get(), d_candidates.get());
+            renderDepthKeys(be, mesh, a.cameras[c], RenderArea{0, 0, w, h}, keys, out,
+                            FacetWork{Backend::kZBufferLanes, d_projected.get(), d_candidates.get()});
         else  // the CPU's one-pass render (backend/cpu/BandRender.h, included by the CPU unit)
-            renderInBands(be, d_vertices.get(), a.num_f, d_facets.get(), a.cameras[c], a.width, a.height,
-                          d_depth_keys.get(), d_zbuffer[c].get(), d_facet_id[c].get(), d_bary_b[c].get(),
-                          d_bary_c[c].get(), d_projected.get(), 4 * be.taskSlots());
+            renderInBands(be, mesh, a.cameras[c], keys, out, d_projected.get(), 4 * be.taskSlots());
     }
 
     // Mean depth of each camera's covered pixels in the mesh as it arrived.
@@ -365,12 +362,10 @@ struct MeshOptimizationCall {
                     if (isPair(i, j)) pairChain(i, j);
         }
         normalizeGradient();
-        be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_vertices.get(), d_valence_list.get(),
-                                                                d_valence_counts.get(), d_valence_offsets.get(),
-                                                                d_grad_smooth.get(), false});
-        be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_grad_smooth.get(), d_valence_list.get(),
-                                                                d_valence_counts.get(), d_valence_offsets.get(),
-                                                                d_grad_smooth2.get(), true});
+        const OneRingTable rings{d_valence_list.get(), d_valence_counts.get(), d_valence_offsets.get()};
+        be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_vertices.get(), rings, d_grad_smooth.get(), false});
+        be.launch(WideRun{nv},
+                  Kernel_ComputeSmoothnessGradient{nv, d_grad_smooth.get(), rings, d_grad_smooth2.get(), true});
         be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices.get(), GRAD_PHOTO.get(), a.steps.photometric});
         if (a.first_order_smoothing)
             be.launch(WideRun{nv},

@@ -10,8 +10,10 @@
 
 #include "CameraGeometry.h"
 #include "DeviceCommon.h"
+#include "ImageView.h"
 #include "TextureSampler.h"
 #include "mycamera.h"
+#include "planesweep/PlaneSweepKernels.h"
 
 namespace tessaline {
 
@@ -19,57 +21,77 @@ constexpr float kHomographyFirstBest = -1000.0f;
 constexpr double kFlatnessLimit = 0.0001;  // times the window size
 constexpr double kHomographyStabiliser = 1e-05;
 
-// Writes the neighbour of layer `layer` as the reference sees it on one
-// plane: pixel (x, y) maps to (a / c, b / c) with (a, b, c) = H (x, y, 1).
-// Every pixel is written; a position outside the neighbour (or not a
-// number) gives the byte 0.
-struct Kernel_Homography_Image_Warp_CUDA {
+// A plane's homography, row by row.
+struct Homography {
+    float h[9];
+};
+
+// An 8-bit image whose rows lie `pitch` bytes apart (pitched device memory).
+struct PitchedByteImage {
+    uint8_t* data;
+    size_t pitch;
     int width;
     int height;
+};
+
+// Writes the neighbour of layer `layer` of the stack as the reference sees
+// it on one plane: pixel (x, y) maps to (a / c, b / c) with
+// (a, b, c) = H (x, y, 1). Every pixel is written; a position outside the
+// neighbour (or not a number) gives the byte 0. The stack's images and the
+// warped image have one size.
+struct Kernel_Homography_Image_Warp_CUDA {
+    LayeredTexture stack;
     int layer;
-    float h00, h01, h02;
-    float h10, h11, h12;
-    float h20, h21, h22;
-    uint8_t* warped;  // pitched: pixel (x, y) at y * pitch + x
-    unsigned long long pitch;
-    LayeredTexture tex_imgs;
+    Homography homography;
+    PitchedByteImage warped;
 
     DEVICE_HOST void operator()(int x, int y) const {
+        const int width = warped.width, height = warped.height;
         if (x < 0 || y < 0 || x >= width || y >= height) return;
+        const float* H = homography.h;
         const float fx = float(x), fy = float(y);
-        const float a = fmaF(h00, fx, h01 * fy) + h02;
-        const float b = fmaF(h10, fx, h11 * fy) + h12;
-        const float c = fmaF(h20, fx, h21 * fy) + h22;
+        const float a = fmaF(H[0], fx, H[1] * fy) + H[2];
+        const float b = fmaF(H[3], fx, H[4] * fy) + H[5];
+        const float c = fmaF(H[6], fx, H[7] * fy) + H[8];
         const float u = a / c;
         const float v = b / c;
         uint8_t byte = 0;
         if (u > 0.0f && u < float(width) && v > 0.0f && v < float(height)) {
-            const float T = fetchLayered(tex_imgs, u + 0.5f, v + 0.5f, layer);
+            const float T = fetchLayered(stack, u + 0.5f, v + 0.5f, layer);
             byte = uint8_t(int(fmaD(double(T), 255.0, 0.5)));  // rounded to the nearest byte
         }
-        warped[size_t(y) * size_t(pitch) + size_t(x)] = byte;
+        warped.data[size_t(y) * warped.pitch + size_t(x)] = byte;
+    }
+};
+
+// The sweep's cost volume: plane k, cell (x, y) at
+// (cells_high * k + y) * cells_wide + x.
+struct CostVolume {
+    float* values;
+    int cells_wide;
+    int cells_high;
+
+    DEVICE_HOST float* at(int plane, int x, int y) const {
+        return values + (size_t(cells_high) * size_t(plane) + size_t(y)) * size_t(cells_wide) + size_t(x);
     }
 };
 
 // Adds one plane's comparison to the cost volume: per level r the window of
-// half-size 2r + 2 around the cell's pixel, reference (layer 0 of tex_imgs)
-// against the warped neighbour (tex_ref_img). Levels whose window reaches
-// the border or is flat in either image drop out; the mean correlation of
-// the others replaces the volume's element when it is larger.
+// half-size 2r + 2 around the cell's pixel, reference (layer 0 of the
+// stack) against the warped neighbour. Levels whose window reaches the
+// border or is flat in either image drop out; the mean correlation of the
+// others replaces the volume's element when it is larger.
 struct Kernel_Add_MultiResolution_NCC_CUDA {
-    int width;
-    int height;
+    LayeredTexture tex_imgs;  // width x height images
+    Texture2D tex_ref_img;    // the warped neighbour
     int num_levels;
-    int out_width;
-    int out_height;
     int subsample;
     int plane_index;
-    float* cost_volume;  // plane k, cell (x, y) at (out_height * k + y) * out_width + x
-    LayeredTexture tex_imgs;
-    Texture2D tex_ref_img;
+    CostVolume cost_volume;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= out_width || y >= out_height) return;
+        if (x < 0 || y < 0 || x >= cost_volume.cells_wide || y >= cost_volume.cells_high) return;
+        const int width = tex_imgs.width, height = tex_imgs.height;
         const float px = float(x * subsample);
         const float py = float(y * subsample);
         float sum = 0.0f;
@@ -107,7 +129,7 @@ struct Kernel_Add_MultiResolution_NCC_CUDA {
             count += 1.0f;
         }
         const float m = count > 0.0f ? sum / count : 0.0f;
-        float* element = cost_volume + (size_t(out_height) * size_t(plane_index) + size_t(y)) * size_t(out_width) + x;
+        float* element = cost_volume.at(plane_index, x, y);
         if (m > *element) *element = m;
     }
 };
@@ -117,24 +139,21 @@ struct Kernel_Add_MultiResolution_NCC_CUDA {
 // [start, start + num_planes * step], and turned from a depth along the
 // reference camera's axis into a distance along the cell's unit ray.
 struct Kernel_Take_Best_Depth {
-    int out_width;
-    int out_height;
-    int subsample;
-    mycamera_cuda camera;
-    float start;
-    float step;
-    int num_planes;
-    const float* cost_volume;
-    float* depth;
-    float* score;
+    SweepCells cells;
+    mycamera_cuda camera;  // the reference's
+    SweepPlanes planes;
+    const float* cost_volume;  // as CostVolume lays it out, over the cells
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= out_width || y >= out_height) return;
+        if (!cells.depth.contains(x, y)) return;
+        const int num_planes = planes.num_planes, subsample = cells.subsample;
+        const float start = planes.start, step = planes.step;
+        const ImageView<float> depth = cells.depth, score = cells.score;
         // The refinement reads the planes around the best one; with fewer
         // than 3 planes they are not in the volume (the wrapper refuses that).
         if (num_planes < 3) return;
-        const size_t cell = size_t(y) * size_t(out_width) + size_t(x);
-        const size_t planeSize = size_t(out_width) * size_t(out_height);
+        const size_t cell = size_t(depth.index(x, y));
+        const size_t planeSize = depth.pixels();
         const float* c = cost_volume + cell;
         float best = kHomographyFirstBest;
         int kb = 1;

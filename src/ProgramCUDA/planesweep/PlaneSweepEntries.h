@@ -60,10 +60,22 @@ struct SweepBuffers {
     }
 };
 
-// The course shared by the two single-launch sweeps: `makeKernel(cameras,
-// depth, score, stack)` builds the kernel record. Both print "copy back
-// data..." before the read-back; `printLaunch` adds the launch geometry lines
-// in front of the launch.
+// The groups of a sweep's kernel records, from its inputs and the device
+// copies of its cameras, stack and maps.
+inline SweepStack sweepStack(const SweepInputs& s, const mycamera_cuda* cameras, const LayeredTexture& images) {
+    return {s.num_neighbours, s.width, s.height, cameras, images};
+}
+
+inline SweepCells sweepCells(const SweepInputs& s, float* depth, float* score) {
+    return {imageView(depth, s.out_width, s.out_height), imageView(score, s.out_width, s.out_height), s.subsample};
+}
+
+inline SweepPlanes sweepPlanes(const SweepInputs& s) { return {s.num_planes, s.start, s.step}; }
+
+// The course shared by the two single-launch sweeps: `makeKernel(stack,
+// cells)` builds the kernel record. Both print "copy back data..." before
+// the read-back; `printLaunch` adds the launch geometry lines in front of
+// the launch.
 template <class Backend, class MakeKernel>
 DeviceStatus runSingleLaunchSweep(Backend& be, const char* entry, const SweepInputs& s, bool printLaunch,
                                   const MakeKernel& makeKernel) {
@@ -78,7 +90,8 @@ DeviceStatus runSingleLaunchSweep(Backend& be, const char* entry, const SweepInp
                         gridBlocks(s.out_height, kSweepBlock));
         }
         be.launch(SweepGrid{s.out_width, s.out_height},
-                  makeKernel(cameras.get(), buffers.depth.get(), buffers.score.get(), buffers.stack.view()));
+                  makeKernel(sweepStack(s, cameras.get(), buffers.stack.view()),
+                             sweepCells(s, buffers.depth.get(), buffers.score.get())));
         ring.show();
         if (!be.failed) {
             std::printf("copy back data...\n");
@@ -100,12 +113,8 @@ DeviceStatus invDepthSweepEntry(Backend& be, const InvDepthSweepArgs& a) {
     if (!argumentsPass(a)) return DeviceStatus::Refused;
     const SweepInputs& s = a.sweep;
     return runSingleLaunchSweep(be, "PlaneSweep_InvDepth_CUDA", s, true,
-                                [&](const mycamera_cuda* cameras, float* depth, float* score,
-                                    const LayeredTexture& stack) {
-                                    return Kernel_PlaneSweep_InvDepth_CUDA{
-                                        s.num_neighbours, s.width, s.height,   cameras, s.out_width,
-                                        s.out_height,     s.subsample, depth, score,   s.num_planes,
-                                        s.start,          s.step,      stack};
+                                [&](const SweepStack& stack, const SweepCells& cells) {
+                                    return Kernel_PlaneSweep_InvDepth_CUDA{stack, cells, sweepPlanes(s)};
                                 });
 }
 
@@ -119,14 +128,10 @@ template <class Backend>
 DeviceStatus heightSweepEntry(Backend& be, const HeightSweepArgs& a) {
     if (!argumentsPass(a)) return DeviceStatus::Refused;
     const SweepInputs& s = a.sweep;
+    const PlaneEquation plane{a.plane[0], a.plane[1], a.plane[2], a.plane[3]};
     return runSingleLaunchSweep(be, "PlaneSweep_Height_CUDA", s, false,
-                                [&](const mycamera_cuda* cameras, float* depth, float* score,
-                                    const LayeredTexture& stack) {
-                                    return Kernel_PlaneSweep_Height_CUDA{
-                                        s.num_neighbours, s.width,     s.height, cameras,    s.out_width,
-                                        s.out_height,     s.subsample, depth,    score,      s.num_planes,
-                                        s.start,          s.step,      a.plane[0], a.plane[1], a.plane[2],
-                                        a.plane[3],       stack};
+                                [&](const SweepStack& stack, const SweepCells& cells) {
+                                    return Kernel_PlaneSweep_Height_CUDA{stack, cells, sweepPlanes(s), plane};
                                 });
 }
 
@@ -175,23 +180,21 @@ DeviceStatus homographySweepEntry(Backend& be, const HomographySweepArgs& a) {
         DeviceBuffer<float, Backend> cost(be, size_t(s.num_planes) * buffers.cells);
         cost.zero();
         const LayeredTexture stack = buffers.stack.view();
+        const PitchedByteImage warpedImage{warped.data(), warped.pitch(), s.width, s.height};
+        const CostVolume volume{cost.get(), s.out_width, s.out_height};
         for (int n = 1; n <= s.num_neighbours && !be.failed; ++n)
             for (int k = 0; k < s.num_planes; ++k) {
                 const float depthValue = float(k) * s.step + s.start;
-                const float i = float(1.0 / double(depthValue));
-                float H[9];
-                planeHomography(s.cameras[0], s.cameras[n], i, H);
-                be.launch(SweepGrid{s.width, s.height},
-                          Kernel_Homography_Image_Warp_CUDA{s.width, s.height, n, H[0], H[1], H[2], H[3], H[4], H[5],
-                                                            H[6], H[7], H[8], warped.data(), warped.pitch(), stack});
+                Homography H;
+                planeHomography(s.cameras[0], s.cameras[n], float(1.0 / double(depthValue)), H.h);
+                be.launch(SweepGrid{s.width, s.height}, Kernel_Homography_Image_Warp_CUDA{stack, n, H, warpedImage});
                 be.launch(SweepGrid{s.out_width, s.out_height},
-                          Kernel_Add_MultiResolution_NCC_CUDA{s.width, s.height, a.num_levels, s.out_width,
-                                                              s.out_height, s.subsample, k, cost.get(), stack,
-                                                              warped.view()});
+                          Kernel_Add_MultiResolution_NCC_CUDA{stack, warped.view(), a.num_levels, s.subsample, k,
+                                                              volume});
             }
         be.launch(SweepGrid{s.out_width, s.out_height},
-                  Kernel_Take_Best_Depth{s.out_width, s.out_height, s.subsample, s.cameras[0], s.start, s.step,
-                                         s.num_planes, cost.get(), buffers.depth.get(), buffers.score.get()});
+                  Kernel_Take_Best_Depth{sweepCells(s, buffers.depth.get(), buffers.score.get()), s.cameras[0],
+                                         sweepPlanes(s), cost.get()});
         ring.show();
         buffers.readBack(be, s);
         be.synchronize();

@@ -16,14 +16,41 @@
 #pragma once
 
 #include "DeviceCommon.h"
-#include "planesweep/PlaneSweepCommon.h"
+#include "ImageView.h"
 #include "mycamera.h"
+#include "planesweep/PlaneSweepCommon.h"
 
 namespace tessaline {
 
 constexpr float kInvDepthFirstBest = 9999.0f;
 constexpr float kHeightFirstBest = 99.0f;
 constexpr float kSweepNoView = -1.0f;
+
+// A reference image and its neighbours, as the sweeps read them: the image
+// stack (layer 0 the reference, layer n neighbour n) of width x height
+// images, and the cameras in the same order.
+struct SweepStack {
+    int num_neighbours;
+    int width;
+    int height;
+    const mycamera_cuda* cameras;  // num_neighbours + 1 records
+    LayeredTexture images;
+};
+
+// The result grid: cell (x, y) stands for pixel (x * subsample,
+// y * subsample); one depth and one score per cell.
+struct SweepCells {
+    ImageView<float> depth;
+    ImageView<float> score;
+    int subsample;
+};
+
+// The swept values: plane k has the value k * step + start.
+struct SweepPlanes {
+    int num_planes;
+    float start;
+    float step;
+};
 
 // The reference side of a result cell: centre, unit ray and 5 x 5 window.
 struct SweepReference {
@@ -42,37 +69,61 @@ DEVICE_HOST void setupSweepReference(const mycamera_cuda& cam, const LayeredText
 // Sweep and scoring of one cell. `point(value, X)` gives the point of a
 // swept value; `refuseNegative` scores a negative refined value as unseen.
 // Writes depth[cell] (only with 3 planes or more) and score[cell].
+// The mean cost (1 - ncc) / 2 over the neighbours of the point X against
+// the reference window.
+DEVICE_HOST float sweepCost(const SweepStack& stack, const SweepReference& ref, const float X[3]) {
+    float acc = 0.0f;
+    for (int n = 1; n <= stack.num_neighbours; ++n) {
+        float u, v;
+        sweepProject(stack.cameras[n], X, u, v);
+        SweepWindow w;
+        fetchSweepWindow(stack.images, n, u, v, w);
+        acc = float(double(acc) + 0.5 * (1.0 - sweepNcc(ref.window, w)));
+    }
+    return acc / float(stack.num_neighbours);
+}
+
+// The mean correlation of the point X over the neighbours that see it
+// (kSweepNoView when none does), added to what the score holds.
+DEVICE_HOST float sweepScore(const SweepStack& stack, const SweepReference& ref, const float X[3], float score) {
+    float sum = 0.0f;
+    int count = 0;
+    for (int n = 1; n <= stack.num_neighbours; ++n) {
+        float u, v;
+        sweepProject(stack.cameras[n], X, u, v);
+        if (u > 0.0f && u < float(stack.width) && v > 0.0f && v < float(stack.height)) {
+            SweepWindow w;
+            fetchSweepWindow(stack.images, n, u, v, w);
+            sum += float(sweepNcc(ref.window, w));
+            ++count;
+        }
+    }
+    return count == 0 ? kSweepNoView : score + sum / float(count);
+}
+
 template <class Kernel, class Point>
 DEVICE_HOST void planeSweepCell(const Kernel& k, const SweepReference& ref, int cell, float firstBest,
                                 bool refuseNegative, const Point& point) {
+    const SweepPlanes& planes = k.planes;
     float best = firstBest;
     float prev = 0.0f;
     float prev2 = 0.0f;
-    for (int plane = 0; plane < k.num_planes; ++plane) {
-        const float s = float(plane) * k.step + k.start;
+    for (int plane = 0; plane < planes.num_planes; ++plane) {
         float X[3];
-        point(s, X);
-        float acc = 0.0f;
-        for (int n = 1; n <= k.num_neighbours; ++n) {
-            float u, v;
-            sweepProject(k.cameras[n], X, u, v);
-            SweepWindow w;
-            fetchSweepWindow(k.tex_imgs, n, u, v, w);
-            acc = float(double(acc) + 0.5 * (1.0 - sweepNcc(ref.window, w)));
-        }
-        const float cost = acc / float(k.num_neighbours);
+        point(float(plane) * planes.step + planes.start, X);
+        const float cost = sweepCost(k.stack, ref, X);
         if (plane == 0) prev2 = cost;
         if (plane == 1) prev = cost;
         if (plane >= 2) {
             if (prev < best) {
                 // Vertex of the parabola through the costs of planes
                 // plane - 2, plane - 1 and plane.
-                const float sb = float(plane - 1) * k.step + k.start;
+                const float sb = float(plane - 1) * planes.step + planes.start;
                 const float rise = cost - prev2;
                 const float curve = -2.0f * prev;
-                const double offset = (0.5 * double(k.step)) * double(rise) /
+                const double offset = (0.5 * double(planes.step)) * double(rise) /
                                       (double(cost) + kSweepStabiliser + double(prev2) + double(curve));
-                k.depth[cell] = float(double(sb) - offset);
+                k.cells.depth[cell] = float(double(sb) - offset);
                 best = prev;
             }
             prev2 = prev;
@@ -80,26 +131,14 @@ DEVICE_HOST void planeSweepCell(const Kernel& k, const SweepReference& ref, int 
         }
     }
 
-    const float e = k.depth[cell];
+    const float e = k.cells.depth[cell];
     if (refuseNegative && e < 0.0f) {
-        k.score[cell] = kSweepNoView;
+        k.cells.score[cell] = kSweepNoView;
         return;
     }
     float X[3];
     point(e, X);
-    float sum = 0.0f;
-    int count = 0;
-    for (int n = 1; n <= k.num_neighbours; ++n) {
-        float u, v;
-        sweepProject(k.cameras[n], X, u, v);
-        if (u > 0.0f && u < float(k.width) && v > 0.0f && v < float(k.height)) {
-            SweepWindow w;
-            fetchSweepWindow(k.tex_imgs, n, u, v, w);
-            sum += float(sweepNcc(ref.window, w));
-            ++count;
-        }
-    }
-    k.score[cell] = count == 0 ? kSweepNoView : k.score[cell] + sum / float(count);
+    k.cells.score[cell] = sweepScore(k.stack, ref, X, k.cells.score[cell]);
 }
 
 // Point of an inverse ray parameter: X = C + (1 / value) r.
@@ -117,55 +156,40 @@ struct HeightPoint {
     DEVICE_HOST void operator()(float h, float X[3]) const { pointOnRay(ref->C, ref->r, (tG * (hC - h)) / hC, X); }
 };
 
+// depth: the refined inverse distance along the ray.
 struct Kernel_PlaneSweep_InvDepth_CUDA {
-    int num_neighbours;
-    int width;
-    int height;
-    const mycamera_cuda* cameras;  // num_neighbours + 1 records; 0 is the reference
-    int out_width;
-    int out_height;
-    int subsample;
-    float* depth;  // refined inverse distance along the ray
-    float* score;
-    int num_planes;
-    float start;
-    float step;
-    LayeredTexture tex_imgs;  // layer 0 the reference, layer n neighbour n
+    SweepStack stack;
+    SweepCells cells;
+    SweepPlanes planes;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= out_width || y >= out_height) return;
+        if (!cells.depth.contains(x, y)) return;
         SweepReference ref;
-        setupSweepReference(cameras[0], tex_imgs, x * subsample, y * subsample, ref);
-        planeSweepCell(*this, ref, y * out_width + x, kInvDepthFirstBest, true, InverseRayPoint{&ref});
+        setupSweepReference(stack.cameras[0], stack.images, x * cells.subsample, y * cells.subsample, ref);
+        planeSweepCell(*this, ref, cells.depth.index(x, y), kInvDepthFirstBest, true, InverseRayPoint{&ref});
     }
 };
 
+// The plane a x + b y + c z + d = 0.
+struct PlaneEquation {
+    float a, b, c, d;
+};
+
+// depth: the refined height over the plane, in units of |(a, b, c)|.
 struct Kernel_PlaneSweep_Height_CUDA {
-    int num_neighbours;
-    int width;
-    int height;
-    const mycamera_cuda* cameras;  // num_neighbours + 1 records; 0 is the reference
-    int out_width;
-    int out_height;
-    int subsample;
-    float* depth;  // refined height over the plane, in units of |(a, b, c)|
-    float* score;
-    int num_planes;
-    float start;
-    float step;
-    float a;
-    float b;
-    float c;
-    float d;
-    LayeredTexture tex_imgs;  // layer 0 the reference, layer n neighbour n
+    SweepStack stack;
+    SweepCells cells;
+    SweepPlanes planes;
+    PlaneEquation plane;
 
     DEVICE_HOST void operator()(int x, int y) const {
-        if (x < 0 || y < 0 || x >= out_width || y >= out_height) return;
+        if (!cells.depth.contains(x, y)) return;
         SweepReference ref;
-        setupSweepReference(cameras[0], tex_imgs, x * subsample, y * subsample, ref);
-        const float hC = a * ref.C[0] + b * ref.C[1] + c * ref.C[2] + d;
-        const float tG = -hC / (a * ref.r[0] + b * ref.r[1] + c * ref.r[2]);
-        planeSweepCell(*this, ref, y * out_width + x, kHeightFirstBest, false, HeightPoint{&ref, hC, tG});
+        setupSweepReference(stack.cameras[0], stack.images, x * cells.subsample, y * cells.subsample, ref);
+        const PlaneEquation& p = plane;
+        const float hC = p.a * ref.C[0] + p.b * ref.C[1] + p.c * ref.C[2] + p.d;
+        const float tG = -hC / (p.a * ref.r[0] + p.b * ref.r[1] + p.c * ref.r[2]);
+        planeSweepCell(*this, ref, cells.depth.index(x, y), kHeightFirstBest, false, HeightPoint{&ref, hC, tG});
     }
 };
 

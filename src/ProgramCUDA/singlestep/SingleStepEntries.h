@@ -157,10 +157,9 @@ struct SmoothnessBuffers {
     // `first`, the second-order one into `second`.
     template <class Run>
     void smoothnessGradient() {
-        be.launch(Run{num_v}, Kernel_ComputeSmoothnessGradient{num_v, vertices.get(), list.get(), counts.get(),
-                                                               offsets.get(), first.get(), false});
-        be.launch(Run{num_v}, Kernel_ComputeSmoothnessGradient{num_v, first.get(), list.get(), counts.get(),
-                                                               offsets.get(), second.get(), true});
+        const OneRingTable rings{list.get(), counts.get(), offsets.get()};
+        be.launch(Run{num_v}, Kernel_ComputeSmoothnessGradient{num_v, vertices.get(), rings, first.get(), false});
+        be.launch(Run{num_v}, Kernel_ComputeSmoothnessGradient{num_v, first.get(), rings, second.get(), true});
     }
 };
 

@@ -7,6 +7,7 @@
 
 #include "CameraGeometry.h"
 #include "DeviceCommon.h"
+#include "ImageView.h"
 #include "mycamera.h"
 
 namespace tessaline {
@@ -156,12 +157,11 @@ struct Kernel_Project_Vertices {
 // render, with no facet (a facet of equal depth still wins the pixel).
 struct Kernel_Init_DepthKeys {
     static constexpr int kFloorBytesPerElement = 12;  // depth read, key written
-    int n;
-    const float* depth_image;
-    unsigned long long* depth_keys;
+    ConstImageView<float> depth_image;
+    ImageView<unsigned long long> depth_keys;
 
     DEVICE_HOST void operator()(int id) const {
-        if (id < 0 || id >= n) return;
+        if (id < 0 || size_t(id) >= depth_keys.pixels()) return;
         depth_keys[id] = depthFacetKey(depth_image[id], 0);
     }
 };
@@ -191,76 +191,104 @@ struct Kernel_Clear_DepthKeys {
     }
 };
 
-// First pass: the atomic minimum of (depth, facet) keys over the pixels a
-// facet covers. One thread per facet, as the reference renders; the
-// optimisation's fast schedule shares each facet's columns among `lanes`
-// threads (thread id = facet * lanes + lane), which leaves the same keys.
-// With `candidates` given (cleared before), a facet that offered a key not
-// above a pixel's is marked there: only such a facet can win a pixel, and
-// the second pass skips the others.
-struct Kernel_TriMesh_Image_ZBuffering_CUDA {
-    static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
-    static constexpr long long kCpuParallelMinimum = 256;  // a facet's walk is dear
+// The mesh as a render reads it: vertex coordinates (3 per vertex) and
+// facets (3 vertex indices each).
+struct MeshGeometry {
     const float* vertices;
     int num_f;
     const int* facets;
-    mycamera_cuda camera;
+};
+
+// The part of a camera's image that a render covers: its top left corner
+// (BU, BV) in image coordinates and its size, LU columns and LV rows.
+// Outputs and keys are images of the area's size.
+struct RenderArea {
     int BU, BV, LU, LV;
-    unsigned long long* depth_keys;
+};
+
+// How the renders share the work of a facet: its columns among `lanes`
+// threads (thread id = facet * lanes + lane); the vertices' projections
+// when worked out before (Kernel_Project_Vertices, 3 floats a vertex); and
+// per facet a byte that the first pass sets where the facet may win a pixel,
+// so that the second pass skips the others (cleared before the first pass).
+struct FacetWork {
     int lanes = 1;
-    const float* projected = nullptr;  // the vertices' projections, when worked out before
-    uint8_t* candidates = nullptr;     // per facet
+    const float* projected = nullptr;
+    uint8_t* candidates = nullptr;
+};
+
+// What a render leaves per pixel: the depth, the front-facing facet (-1
+// where the nearest facet faces away) and its weights b and c (-1.0 there).
+struct RenderImages {
+    ImageView<float> depth;
+    ImageView<int> facet;
+    ImageView<float> bary_b;
+    ImageView<float> bary_c;
+};
+
+// First pass: the atomic minimum of (depth, facet) keys over the pixels a
+// facet covers. One thread per facet, as the reference renders; the
+// optimisation's fast schedule shares each facet's columns among threads,
+// which leaves the same keys. With candidates, a facet that offered a key
+// not above a pixel's is marked: only such a facet can win a pixel.
+struct Kernel_TriMesh_Image_ZBuffering_CUDA {
+    static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
+    static constexpr long long kCpuParallelMinimum = 256;  // a facet's walk is dear
+    MeshGeometry mesh;
+    mycamera_cuda camera;
+    RenderArea area;
+    ImageView<unsigned long long> depth_keys;
+    FacetWork work;
 
     DEVICE_HOST void operator()(int id) const {
-        if (id < 0 || id / lanes >= num_f) return;
+        const int lanes = work.lanes;
+        if (id < 0 || id / lanes >= mesh.num_f) return;
         const int facet = id / lanes;
-        const FacetRaster f(vertices, facets, facet, camera, BU, BV, LU, LV, projected);
+        const FacetRaster f(mesh.vertices, mesh.facets, facet, camera, area.BU, area.BV, area.LU, area.LV,
+                            work.projected);
         if (!f.kept) return;
         bool candidate = false;
         f.forEachPixel(
             [&](int x, int y, float depth, float, float) {
-                candidate |= atomicMinU64(depth_keys + ((y - BV) * LU + (x - BU)), depthFacetKey(depth, facet));
+                candidate |= atomicMinU64(depth_keys.at(depth_keys.index(x - area.BU, y - area.BV)),
+                                          depthFacetKey(depth, facet));
             },
             id % lanes, lanes);
-        if (candidates && candidate) candidates[facet] = 1;
+        if (work.candidates && candidate) work.candidates[facet] = 1;
     }
 };
 
 // Second pass: where the pixel's key is the facet's own, the depth, the
 // facet (or -1 and weights -1.0 when it faces away) and the weights b and c
-// of its second and third vertex. Threads as in the first pass.
+// of its second and third vertex. Threads as in the first pass; a facet the
+// first pass left unmarked is skipped when there are candidates.
 struct Kernel_TriMesh_Image_ZBuffering_Store {
     static constexpr int kFloorBytesPerElement = 12;  // the facet's three indices read
     static constexpr long long kCpuParallelMinimum = 256;  // a facet's walk is dear
-    const float* vertices;
-    int num_f;
-    const int* facets;
+    MeshGeometry mesh;
     mycamera_cuda camera;
-    int BU, BV, LU, LV;
-    const unsigned long long* depth_keys;
-    float* depth_image;
-    int* facet_image;
-    float* bary_b_image;
-    float* bary_c_image;
-    int lanes = 1;
-    const float* projected = nullptr;
-    const uint8_t* candidates = nullptr;  // per facet, from the first pass: 0 cannot win a pixel
+    RenderArea area;
+    ConstImageView<unsigned long long> depth_keys;
+    RenderImages out;
+    FacetWork work;
 
     DEVICE_HOST void operator()(int id) const {
-        if (id < 0 || id / lanes >= num_f) return;
+        const int lanes = work.lanes;
+        if (id < 0 || id / lanes >= mesh.num_f) return;
         const int facet = id / lanes;
-        if (candidates && candidates[facet] == 0) return;
-        const FacetRaster f(vertices, facets, facet, camera, BU, BV, LU, LV, projected);
+        if (work.candidates && work.candidates[facet] == 0) return;
+        const FacetRaster f(mesh.vertices, mesh.facets, facet, camera, area.BU, area.BV, area.LU, area.LV,
+                            work.projected);
         if (!f.kept) return;
         const bool front = f.r > 0.0f;
         f.forEachPixel(
             [&](int x, int y, float depth, float b, float c) {
-                const int e = (y - BV) * LU + (x - BU);
+                const int e = depth_keys.index(x - area.BU, y - area.BV);
                 if (depth_keys[e] != depthFacetKey(depth, facet)) return;
-                depth_image[e] = depth;
-                facet_image[e] = front ? facet : -1;
-                bary_b_image[e] = front ? b : -1.0f;
-                bary_c_image[e] = front ? c : -1.0f;
+                out.depth[e] = depth;
+                out.facet[e] = front ? facet : -1;
+                out.bary_b[e] = front ? b : -1.0f;
+                out.bary_c[e] = front ? c : -1.0f;
             },
             id % lanes, lanes);
     }

@@ -13,25 +13,17 @@
 
 namespace tessaline {
 
-// The render of one camera into device buffers whose depth keys already
+// The render of one camera into device images whose depth keys already
 // hold what the render starts from: the first pass takes the minimum of the
-// keys, the second writes depth, facet and weights where a facet won. Each
-// facet's columns are shared among `lanes` threads (1: a thread per facet);
-// `projected`, when given, holds the vertices' projections
-// (Kernel_Project_Vertices); `candidates`, when given (num_f bytes), lets the
-// second pass skip the facets that cannot win a pixel.
+// keys, the second writes depth, facet and weights where a facet won. The
+// work of a facet is shared as `work` says (by default one thread a facet).
 template <class Backend>
-void renderDepthKeys(Backend& be, const float* d_vertices, int num_f, const int* d_facets,
-                     const mycamera_cuda& camera, int BU, int BV, int LU, int LV, unsigned long long* d_keys,
-                     float* d_depth, int* d_facet, float* d_bary_b, float* d_bary_c, int lanes = 1,
-                     const float* projected = nullptr, uint8_t* candidates = nullptr) {
-    const int threads = num_f * lanes;
-    if (candidates) be.launch(WideRun{num_f}, Kernel_Clear_Bytes{num_f, candidates});
-    be.launch(WideRun{threads}, Kernel_TriMesh_Image_ZBuffering_CUDA{d_vertices, num_f, d_facets, camera, BU, BV, LU,
-                                                                     LV, d_keys, lanes, projected, candidates});
-    be.launch(WideRun{threads}, Kernel_TriMesh_Image_ZBuffering_Store{d_vertices, num_f, d_facets, camera, BU, BV,
-                                                                      LU, LV, d_keys, d_depth, d_facet, d_bary_b,
-                                                                      d_bary_c, lanes, projected, candidates});
+void renderDepthKeys(Backend& be, const MeshGeometry& mesh, const mycamera_cuda& camera, const RenderArea& area,
+                     ImageView<unsigned long long> keys, const RenderImages& out, const FacetWork& work = FacetWork()) {
+    const int threads = mesh.num_f * work.lanes;
+    if (work.candidates) be.launch(WideRun{mesh.num_f}, Kernel_Clear_Bytes{mesh.num_f, work.candidates});
+    be.launch(WideRun{threads}, Kernel_TriMesh_Image_ZBuffering_CUDA{mesh, camera, area, keys, work});
+    be.launch(WideRun{threads}, Kernel_TriMesh_Image_ZBuffering_Store{mesh, camera, area, keys, out, work});
 }
 
 inline bool argumentsPass(const ZBufferArgs& a) {
@@ -66,10 +58,11 @@ DeviceStatus zbufferEntry(Backend& be, const ZBufferArgs& a) {
     DeviceBuffer<float, Backend> baryB(be, a.bary_b_image, pixels);
     DeviceBuffer<float, Backend> baryC(be, a.bary_c_image, pixels);
     DeviceBuffer<unsigned long long, Backend> keys(be, pixels);
-    const int n = int(pixels);
-    be.launch(WideRun{n}, Kernel_Init_DepthKeys{n, depth.get(), keys.get()});
-    renderDepthKeys(be, vertices.get(), a.num_f, facets.get(), a.camera, a.BU, a.BV, a.LU, a.LV, keys.get(),
-                    depth.get(), facet.get(), baryB.get(), baryC.get());
+    const int w = a.LU, h = a.LV;
+    be.launch(WideRun{int(pixels)}, Kernel_Init_DepthKeys{depth.image(w, h), keys.image(w, h)});
+    renderDepthKeys(be, MeshGeometry{vertices.get(), a.num_f, facets.get()}, a.camera, RenderArea{a.BU, a.BV, w, h},
+                    keys.image(w, h), RenderImages{depth.image(w, h), facet.image(w, h), baryB.image(w, h),
+                                                   baryC.image(w, h)});
     ring.show();
     if (!be.failed) {
         // Read back into a copy first: the caller's images change only when

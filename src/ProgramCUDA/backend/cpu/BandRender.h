@@ -18,26 +18,27 @@ namespace tessaline {
 // facet still adds up its weights column by column from its box's corner,
 // row by row from the column's top, so every pixel gets the floats of the
 // two-pass render, and the smallest key wins as there.
-inline void renderInBands(CpuBackend& be, const float* d_vertices, int num_f, const int* d_facets, const mycamera_cuda& camera,
-                   int LU, int LV, unsigned long long* d_keys, float* d_depth, int* d_facet, float* d_bary_b,
-                   float* d_bary_c, const float* projected, int bands) {
+inline void renderInBands(CpuBackend& be, const MeshGeometry& mesh, const mycamera_cuda& camera,
+                          ImageView<unsigned long long> keys, const RenderImages& out, const float* projected,
+                          int bands) {
+    const int LU = keys.width, LV = keys.height;
     const int rowsPerBand = (LV + bands - 1) / (bands > 0 ? bands : 1);
     be.runTasks(bands, [&](auto&, int, int band) {
         const int top = band * rowsPerBand, bottom = std::min(LV, top + rowsPerBand);  // rows top..bottom-1
-        for (int id = 0; id < num_f; ++id) {
-            const FacetRaster f(d_vertices, d_facets, id, camera, 0, 0, LU, LV, projected);
+        for (int id = 0; id < mesh.num_f; ++id) {
+            const FacetRaster f(mesh.vertices, mesh.facets, id, camera, 0, 0, LU, LV, projected);
             if (!f.kept || f.yHi < top || f.yLo >= bottom) continue;
             const bool front = f.r > 0.0f;
             f.forEachPixel([&](int x, int y, float depth, float b, float c) {
                 if (y < top || y >= bottom) return;
                 const size_t e = size_t(y) * size_t(LU) + size_t(x);
                 const unsigned long long key = depthFacetKey(depth, id);
-                if (key > d_keys[e]) return;
-                d_keys[e] = key;
-                d_depth[e] = depth;
-                d_facet[e] = front ? id : -1;
-                d_bary_b[e] = front ? b : -1.0f;
-                d_bary_c[e] = front ? c : -1.0f;
+                if (key > keys[e]) return;
+                keys[e] = key;
+                out.depth[e] = depth;
+                out.facet[e] = front ? id : -1;
+                out.bary_b[e] = front ? b : -1.0f;
+                out.bary_c[e] = front ? c : -1.0f;
             });
         }
     });
