@@ -290,6 +290,42 @@ bool writePngAtomically(const std::string& path, const cv::Mat& image) {
     return true;
 }
 
+namespace {
+
+void printSweep(const PlaneSweepRequest& request, const SfmScene& scene, const SweepInput& in, const SweepRange& range,
+                const double plane[4], int ow, int oh) {
+    const Method m = request.method;
+    std::cout << "reference camera " << request.reference << " (" << scene.imagePaths[request.reference]
+              << "), neighbours";
+    for (size_t i = 1; i < in.indices.size(); ++i) std::cout << " " << in.indices[i];
+    std::cout << std::endl;
+    std::cout << "sweep: " << methodName(m) << ", " << request.planes << " planes of " << valueName(m) << " from "
+              << range.start << " in steps of " << range.step << ", " << in.width << " x " << in.height
+              << " images, " << ow << " x " << oh << " cells";
+    if (m == Method::Homography) std::cout << ", " << request.levels << " window sizes";
+    if (m == Method::Height)
+        std::cout << ", plane " << plane[0] << " " << plane[1] << " " << plane[2] << " " << plane[3];
+    std::cout << std::endl;
+}
+
+// Runs the sweep the request names on `sweep`.
+DeviceStatus sweepOnDevice(const PlaneSweepRequest& request, const SweepInputs& sweep, const double plane[4],
+                           const DeviceHandle& device) {
+    if (request.method == Method::InvDepth) return PlaneSweep_InvDepth_CUDA(device, InvDepthSweepArgs{sweep});
+    if (request.method == Method::Height) {
+        HeightSweepArgs args;
+        args.sweep = sweep;
+        for (int k = 0; k < 4; ++k) args.plane[k] = float(plane[k]);
+        return PlaneSweep_Height_CUDA(device, args);
+    }
+    HomographySweepArgs args;
+    args.sweep = sweep;
+    args.num_levels = request.levels;
+    return PlaneSweep_Homography_CUDA(device, args);
+}
+
+}  // namespace
+
 int runPlaneSweep(const PlaneSweepRequest& request, const DeviceHandle& device) {
     const Method m = request.method;
     const int reference = request.reference, planes = request.planes, subsample = request.subsample;
@@ -327,16 +363,7 @@ int runPlaneSweep(const PlaneSweepRequest& request, const DeviceHandle& device) 
     for (size_t i = 0; i < cams.size(); ++i) toCameraCuda(cams[i], in.cameras[i]);
     std::vector<float> depth(size_t(ow) * oh, 0.0f), score(size_t(ow) * oh, 0.0f);
 
-    std::cout << "reference camera " << reference << " (" << scene.imagePaths[reference] << "), neighbours";
-    for (size_t i = 1; i < in.indices.size(); ++i) std::cout << " " << in.indices[i];
-    std::cout << std::endl;
-    std::cout << "sweep: " << methodName(m) << ", " << planes << " planes of " << valueName(m) << " from "
-              << range.start << " in steps of " << range.step << ", " << in.width << " x " << in.height
-              << " images, " << ow << " x " << oh << " cells";
-    if (m == Method::Homography) std::cout << ", " << request.levels << " window sizes";
-    if (m == Method::Height)
-        std::cout << ", plane " << plane[0] << " " << plane[1] << " " << plane[2] << " " << plane[3];
-    std::cout << std::endl;
+    printSweep(request, scene, in, range, plane, ow, oh);
 
     SweepInputs sweep;
     sweep.num_neighbours = int(in.indices.size()) - 1;
@@ -354,22 +381,8 @@ int runPlaneSweep(const PlaneSweepRequest& request, const DeviceHandle& device) 
     sweep.num_planes = planes;
 
     const auto t0 = std::chrono::steady_clock::now();
-    DeviceStatus status = DeviceStatus::Failed;
-    if (m == Method::InvDepth) {
-        status = PlaneSweep_InvDepth_CUDA(device, InvDepthSweepArgs{sweep});
-    } else if (m == Method::Height) {
-        HeightSweepArgs args;
-        args.sweep = sweep;
-        for (int k = 0; k < 4; ++k) args.plane[k] = float(plane[k]);
-        status = PlaneSweep_Height_CUDA(device, args);
-    } else {
-        HomographySweepArgs args;
-        args.sweep = sweep;
-        args.num_levels = request.levels;
-        status = PlaneSweep_Homography_CUDA(device, args);
-    }
     // The device has printed why; the maps it left are not to be written.
-    if (status != DeviceStatus::Ok) return cli::kFailure;
+    if (sweepOnDevice(request, sweep, plane, device) != DeviceStatus::Ok) return cli::kFailure;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     std::cout << "plane sweep time: " << seconds << " s on the " << deviceBackendName(device.backend)
               << " backend" << std::endl;

@@ -205,77 +205,90 @@ void paddedMeshBox(const MeshData& mesh, double box[6]) {
     }
 }
 
-void runImport(const ImportOptions& options) {
-    if (options.neighbours < 1) throw ToolError("--neighbours must be at least 1");
+namespace {
 
-    // --- the model
-    const ColmapModel model = readColmapModel(options.modelDir);
-    std::cout << "model " << options.modelDir << " ("
-              << (model.format == ColmapFormat::Binary ? "binary" : "text") << "): " << model.cameras.size()
-              << " cameras, " << model.images.size() << " registered images, " << model.points.size()
-              << " points" << std::endl;
+ColmapModel readAndReportModel(const std::string& modelDir) {
+    ColmapModel model = readColmapModel(modelDir);
+    std::cout << "model " << modelDir << " (" << (model.format == ColmapFormat::Binary ? "binary" : "text")
+              << "): " << model.cameras.size() << " cameras, " << model.images.size() << " registered images, "
+              << model.points.size() << " points" << std::endl;
+    return model;
+}
 
-    // --- the mesh
-    const MeshData mesh = readMeshFile(options.meshPath);
-    if (mesh.numVertices() == 0 || mesh.numFacets() == 0) throw ToolError("the mesh " + options.meshPath + " is empty");
-    std::cout << "mesh " << options.meshPath << ": " << mesh.numVertices() << " vertices, " << mesh.numFacets()
+MeshData readAndReportMesh(const std::string& meshPath) {
+    MeshData mesh = readMeshFile(meshPath);
+    if (mesh.numVertices() == 0 || mesh.numFacets() == 0) throw ToolError("the mesh " + meshPath + " is empty");
+    std::cout << "mesh " << meshPath << ": " << mesh.numVertices() << " vertices, " << mesh.numFacets()
               << " triangles";
     if (mesh.polygonsSplit > 0) std::cout << " (" << mesh.polygonsSplit << " polygons split into triangles)";
     std::cout << std::endl;
+    return mesh;
+}
 
-    // --- cameras, ordered by image name
+// The registered images as cameras, ordered by image name.
+std::vector<View> viewsByName(const ColmapModel& model) {
     std::vector<View> views(model.images.size());
     for (size_t i = 0; i < model.images.size(); ++i) views[i].modelIndex = int(i);
-    std::sort(views.begin(), views.end(),
-              [&](const View& a, const View& b) { return model.images[size_t(a.modelIndex)].name <
-                                                         model.images[size_t(b.modelIndex)].name; });
+    std::sort(views.begin(), views.end(), [&](const View& a, const View& b) {
+        return model.images[size_t(a.modelIndex)].name < model.images[size_t(b.modelIndex)].name;
+    });
     if (views.size() < 2)
-        throw ToolError("the model registers " + std::to_string(views.size()) +
-                        " images; the tool needs at least two");
+        throw ToolError("the model registers " + std::to_string(views.size()) + " images; the tool needs at least two");
     for (View& v : views) {
         const ColmapImage& image = model.images[size_t(v.modelIndex)];
         v.name = image.name;
         v.camera = cameraFromColmap(model.cameras.at(image.cameraId), image);
     }
+    return views;
+}
 
-    // --- the photographs
+// One photograph, grey, of the size its camera in the model has.
+cv::Mat readPhotograph(const fs::path& file, const View& v, const ColmapCamera& cam) {
+    cv::Mat img;
+    try {
+        img = cv::imread(file.string(), cv::IMREAD_GRAYSCALE);
+    } catch (const cv::Exception&) {
+    }
+    if (img.empty()) throw ToolError("cannot read the photograph " + file.string());
+    if (uint64_t(img.cols) != cam.width || uint64_t(img.rows) != cam.height)
+        throw ToolError("the photograph " + v.name + " is " + std::to_string(img.cols) + "x" +
+                        std::to_string(img.rows) + " but its camera in the model is " + std::to_string(cam.width) +
+                        "x" + std::to_string(cam.height) + "; give the folder of the images the model was made from");
+    return img;
+}
+
+// Every view's photograph must be readable, of its camera's size, and all of
+// one size, which is returned; each view gets its path in the scene file.
+cv::Size checkPhotographs(const ColmapModel& model, std::vector<View>& views, const ImportOptions& options) {
     const fs::path imageDir(options.imageDir);
     std::error_code ec;
     if (!fs::is_directory(imageDir, ec)) throw ToolError("the image folder " + options.imageDir + " does not exist");
-    int width = -1, height = -1;
+    cv::Size size(-1, -1);
     std::string firstName;
     for (View& v : views) {
         const fs::path file = imageDir / v.name;
         if (!fs::is_regular_file(file, ec))
             throw ToolError("the model's image " + v.name + " is not in " + options.imageDir);
-        cv::Mat img;
-        try {
-            img = cv::imread(file.string(), cv::IMREAD_GRAYSCALE);
-        } catch (const cv::Exception&) {
-        }
-        if (img.empty()) throw ToolError("cannot read the photograph " + file.string());
-        const ColmapCamera& cam = model.cameras.at(model.images[size_t(v.modelIndex)].cameraId);
-        if (uint64_t(img.cols) != cam.width || uint64_t(img.rows) != cam.height)
-            throw ToolError("the photograph " + v.name + " is " + std::to_string(img.cols) + "x" +
-                            std::to_string(img.rows) + " but its camera in the model is " +
-                            std::to_string(cam.width) + "x" + std::to_string(cam.height) +
-                            "; give the folder of the images the model was made from");
-        if (width < 0) {
-            width = img.cols;
-            height = img.rows;
+        const cv::Mat img = readPhotograph(file, v, model.cameras.at(model.images[size_t(v.modelIndex)].cameraId));
+        if (size.width < 0) {
+            size = img.size();
             firstName = v.name;
-        } else if (img.cols != width || img.rows != height) {
-            throw ToolError("the photographs differ in size: " + firstName + " is " + std::to_string(width) + "x" +
-                            std::to_string(height) + ", " + v.name + " is " + std::to_string(img.cols) + "x" +
-                            std::to_string(img.rows) + "; the tool needs one size for all of them");
+        } else if (img.size() != size) {
+            throw ToolError("the photographs differ in size: " + firstName + " is " + std::to_string(size.width) +
+                            "x" + std::to_string(size.height) + ", " + v.name + " is " + std::to_string(img.cols) +
+                            "x" + std::to_string(img.rows) + "; the tool needs one size for all of them");
         }
         v.scenePath = scenePathFor(file, options.outDir);
     }
+    return size;
+}
 
-    // Photographs in the folder that the model left out.
+// Names the photographs in the folder that the model left out.
+void reportLeftOut(const std::vector<View>& views, const fs::path& imageDir) {
     std::set<std::string> registered;
     for (const View& v : views) registered.insert(v.name);
     std::vector<std::string> leftOut;
+    std::error_code ec;
     for (auto it = fs::recursive_directory_iterator(imageDir, fs::directory_options::skip_permission_denied, ec);
          !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
         if (!it->is_regular_file(ec) || !isImageFile(it->path())) continue;
@@ -283,20 +296,15 @@ void runImport(const ImportOptions& options) {
         if (!registered.count(rel)) leftOut.push_back(rel);
     }
     std::sort(leftOut.begin(), leftOut.end());
-    if (!leftOut.empty()) {
-        std::cout << "left out " << leftOut.size() << " image" << (leftOut.size() > 1 ? "s" : "")
-                  << " the model did not register:";
-        for (const std::string& s : leftOut) std::cout << ' ' << s;
-        std::cout << std::endl;
-    }
+    if (leftOut.empty()) return;
+    std::cout << "left out " << leftOut.size() << " image" << (leftOut.size() > 1 ? "s" : "")
+              << " the model did not register:";
+    for (const std::string& name : leftOut) std::cout << ' ' << name;
+    std::cout << std::endl;
+}
 
-    // --- neighbours and box
-    std::vector<int> order;
-    for (const View& v : views) order.push_back(v.modelIndex);
-    const std::vector<std::vector<int>> neighbours = rankNeighbours(model, order, options.neighbours);
-    double box[6];
-    paddedMeshBox(mesh, box);
-
+// Warns when fewer than half of the model's points lie in the box.
+void checkPointsInBox(const ColmapModel& model, const double box[6]) {
     size_t inside = 0;
     for (const ColmapPoint3D& p : model.points) {
         bool in = true;
@@ -306,7 +314,10 @@ void runImport(const ImportOptions& options) {
     if (!model.points.empty() && inside * 2 < model.points.size())
         std::cout << "Warning: only " << inside << " of the model's " << model.points.size()
                   << " points lie in the mesh's box; is the mesh in the model's frame?" << std::endl;
+}
 
+void printNeighboursAndBox(const std::vector<View>& views, const std::vector<std::vector<int>>& neighbours,
+                           const double box[6]) {
     for (size_t i = 0; i < views.size(); ++i) {
         std::cout << "camera " << i << " " << views[i].name << ": neighbours";
         for (int j : neighbours[i]) std::cout << ' ' << j;
@@ -315,25 +326,50 @@ void runImport(const ImportOptions& options) {
     }
     std::cout << "bounding box " << box[0] << ' ' << box[3] << ' ' << box[1] << ' ' << box[4] << ' ' << box[2]
               << ' ' << box[5] << std::endl;
+}
 
-    // --- output: everything is checked; now write.
+// Writes scene.sfm and mesh.ply into the output folder (made if missing,
+// and removed again when it was made here and nothing could be written).
+void writeImport(const ImportOptions& options, const std::vector<View>& views, const double box[6],
+                 const std::vector<std::vector<int>>& neighbours, const MeshData& mesh, cv::Size size) {
     const fs::path outDir(options.outDir);
+    std::error_code ec;
     const bool created = !fs::exists(outDir, ec);
     fs::create_directories(outDir, ec);
-    if (ec || !fs::is_directory(outDir, ec))
-        throw ToolError("cannot make the output folder " + options.outDir);
+    if (ec || !fs::is_directory(outDir, ec)) throw ToolError("cannot make the output folder " + options.outDir);
     try {
         const std::string scenePath = (outDir / "scene.sfm").string();
         PendingFile scene(scenePath, formatSceneFile(views, box, neighbours));
         const std::string meshPath = (outDir / "mesh.ply").string();
         if (!savePly(toTriMesh(mesh), meshPath)) throw ToolError("cannot write " + meshPath);
         scene.commit();
-        std::cout << "wrote " << scenePath << " (" << views.size() << " cameras, " << width << "x" << height
-                  << ") and " << meshPath << std::endl;
+        std::cout << "wrote " << scenePath << " (" << views.size() << " cameras, " << size.width << "x"
+                  << size.height << ") and " << meshPath << std::endl;
     } catch (...) {
         if (created) fs::remove(outDir, ec);  // removes it only while it is empty
         throw;
     }
+}
+
+}  // namespace
+
+void runImport(const ImportOptions& options) {
+    if (options.neighbours < 1) throw ToolError("--neighbours must be at least 1");
+    const ColmapModel model = readAndReportModel(options.modelDir);
+    const MeshData mesh = readAndReportMesh(options.meshPath);
+    std::vector<View> views = viewsByName(model);
+    const cv::Size size = checkPhotographs(model, views, options);
+    reportLeftOut(views, fs::path(options.imageDir));
+
+    std::vector<int> order;
+    for (const View& v : views) order.push_back(v.modelIndex);
+    const std::vector<std::vector<int>> neighbours = rankNeighbours(model, order, options.neighbours);
+    double box[6];
+    paddedMeshBox(mesh, box);
+    checkPointsInBox(model, box);
+    printNeighboursAndBox(views, neighbours, box);
+    // Everything is checked; now write.
+    writeImport(options, views, box, neighbours, mesh, size);
 }
 
 }  // namespace tessaline_tools

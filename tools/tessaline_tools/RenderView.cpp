@@ -157,15 +157,181 @@ double niceScale(double v) {
     return 10.0 * p;
 }
 
+namespace {
+
+// The output path, checked before anything is read.
+fs::path checkedOutputPath(const std::string& path) {
+    const fs::path outPath = fs::absolute(path);
+    if (!cv::haveImageWriter(outPath.string())) throw ToolError("cannot write an image named " + path + "; give a .png file");
+    std::error_code ec;
+    if (!fs::is_directory(outPath.parent_path(), ec)) throw ToolError("the folder of " + path + " does not exist");
+    return outPath;
+}
+
+// The scene, the index of the camera asked for, and its photograph in
+// colour (the grey image where the file cannot be read in colour). Image
+// paths in the scene are relative to the scene file's folder.
+struct SceneCamera {
+    SfmScene scene;
+    int index = -1;
+    cv::Mat photo;
+};
+
+SceneCamera loadSceneCamera(const RenderOptions& options) {
+    SceneCamera sc;
+    const fs::path scenePath = fs::absolute(options.scenePath);
+    {
+        ScopedWorkingDirectory inSceneFolder(scenePath.parent_path());
+        if (!loadSfmScene(sc.scene, scenePath.filename().string()))
+            throw ToolError("cannot load the scene " + options.scenePath);
+        sc.index = findSceneCamera(sc.scene, options.camera);
+        try {
+            sc.photo = cv::imread(sc.scene.imagePaths[size_t(sc.index)], cv::IMREAD_COLOR);
+        } catch (const cv::Exception&) {
+        }
+    }
+    const cv::Mat& grey = sc.scene.images[size_t(sc.index)];
+    if (sc.photo.empty() || sc.photo.size() != grey.size()) cv::cvtColor(grey, sc.photo, cv::COLOR_GRAY2BGR);
+    return sc;
+}
+
+// The visible pixels of a render: how squarely the facet at each faces the
+// camera (0 to 1), the pixels in row order, their surface points (3 each,
+// from the mesh's double coordinates) and the count of back-face pixels.
+struct VisibleSurface {
+    cv::Mat shade;  // CV_32F
+    std::vector<cv::Point> seen;
+    std::vector<double> points;
+    int backPixels = 0;
+};
+
+// The cosine between facet f's normal and the direction to the camera
+// centre C from the facet's point at weights (1 - b - c, b, c); X gets the
+// point.
+double facetShade(const MeshData& mesh, int f, double b, double c, const double C[3], double X[3]) {
+    const double* V = mesh.vertices.data();
+    const int32_t* F = &mesh.facets[3 * size_t(f)];
+    const double a = 1.0 - b - c;
+    double e1[3], e2[3];
+    for (int k = 0; k < 3; ++k) {
+        const double v0 = V[3 * size_t(F[0]) + size_t(k)], v1 = V[3 * size_t(F[1]) + size_t(k)],
+                     v2 = V[3 * size_t(F[2]) + size_t(k)];
+        X[k] = a * v0 + b * v1 + c * v2;
+        e1[k] = v1 - v0;
+        e2[k] = v2 - v0;
+    }
+    const double n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2], e1[0] * e2[1] - e1[1] * e2[0]};
+    const double d[3] = {C[0] - X[0], C[1] - X[1], C[2] - X[2]};
+    const double nn = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
+    const double dd = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
+    return nn > 0 && dd > 0 ? std::fabs(n[0] * d[0] + n[1] * d[1] + n[2] * d[2]) / (nn * dd) : 0.0;
+}
+
+VisibleSurface visibleSurface(const MeshView& view, const MeshData& mesh, const mycamera& cam) {
+    const int W = view.facet.cols, H = view.facet.rows;
+    double C[3];
+    cameraCentre(cam, C);
+    VisibleSurface v;
+    v.shade = cv::Mat(H, W, CV_32F, cv::Scalar(0));
+    for (int y = 0; y < H; ++y)
+        for (int x = 0; x < W; ++x) {
+            v.backPixels += view.backFace.at<uint8_t>(y, x) != 0;
+            const int f = view.facet.at<int>(y, x);
+            if (f < 0) continue;
+            double X[3];
+            v.shade.at<float>(y, x) =
+                float(facetShade(mesh, f, view.baryB.at<float>(y, x), view.baryC.at<float>(y, x), C, X));
+            v.seen.push_back({x, y});
+            v.points.insert(v.points.end(), X, X + 3);
+        }
+    return v;
+}
+
+// The third panel and its colour bar when distances to another mesh are
+// asked for: the visible points coloured by their distance, over the dimmed
+// photograph. Prints the distances' summary.
+cv::Mat distancePanel(const cv::Mat& photo, const VisibleSurface& v, const MeshView& view, const MeshData& meshData,
+                      const TriMesh& other, const std::string& names, cv::Mat& bar) {
+    const std::vector<double> dist = tessaline::compare::distancesToSurface(other, v.points);
+    // The scale reaches the 98th percentile, rounded up to a readable
+    // number; distances below a millionth of the mesh's size count as none.
+    double box[6];
+    paddedMeshBox(meshData, box);
+    const double floor = 1e-6 * std::hypot(box[3] - box[0], box[4] - box[1], box[5] - box[2]);
+    const double p98 = percentile(dist, 0.98);
+    const double scale = niceScale(std::max({p98, floor, DBL_MIN}));
+    cv::Mat third = photo * 0.35;
+    cv::Mat level(1, int(dist.size()), CV_8U);
+    for (size_t i = 0; i < dist.size(); ++i)
+        level.at<uint8_t>(0, int(i)) = uint8_t(std::lround(255.0 * std::min(1.0, dist[i] / scale)));
+    cv::Mat heat;
+    if (!dist.empty()) cv::applyColorMap(level, heat, cv::COLORMAP_TURBO);
+    for (size_t i = 0; i < dist.size(); ++i) {
+        const double s = 0.45 + 0.55 * v.shade.at<float>(v.seen[i]);
+        const cv::Vec3b h = heat.at<cv::Vec3b>(0, int(i));
+        third.at<cv::Vec3b>(v.seen[i]) = cv::Vec3b(uint8_t(h[0] * s), uint8_t(h[1] * s), uint8_t(h[2] * s));
+    }
+    third.setTo(kBackFaceColour, view.backFace);
+    bar = colourBar(photo.rows, scale);
+    if (!dist.empty())
+        std::cout << "distance from " << names << " over those pixels: median " << percentile(dist, 0.5) << ", 98% "
+                  << p98 << ", max " << *std::max_element(dist.begin(), dist.end()) << " (colour scale 0 to "
+                  << scale << ")" << std::endl;
+    return third;
+}
+
+// The shaded mesh: grey by the shade, back faces dark red.
+cv::Mat meshPanelOf(const VisibleSurface& v, const MeshView& view) {
+    cv::Mat panel(view.facet.rows, view.facet.cols, CV_8UC3, cv::Scalar(0, 0, 0));
+    for (const cv::Point& p : v.seen) {
+        const uint8_t g = uint8_t(std::lround(255.0 * (0.15 + 0.85 * v.shade.at<float>(p))));
+        panel.at<cv::Vec3b>(p) = cv::Vec3b(g, g, g);
+    }
+    panel.setTo(kBackFaceColour, view.backFace);
+    return panel;
+}
+
+// The mesh blended over the photograph where it is seen.
+cv::Mat overlayPanel(const cv::Mat& photo, const cv::Mat& meshPanel, const VisibleSurface& v, const MeshView& view) {
+    cv::Mat third = photo.clone();
+    cv::Mat mask = cv::Mat::zeros(photo.rows, photo.cols, CV_8U);
+    for (const cv::Point& p : v.seen) mask.at<uint8_t>(p) = 255;
+    mask |= view.backFace;
+    cv::Mat blend;
+    cv::addWeighted(photo, 0.5, meshPanel, 0.5, 0.0, blend);
+    blend.copyTo(third, mask);
+    return third;
+}
+
+void printSeen(int ci, const std::string& photoName, const std::string& meshName, const VisibleSurface& v) {
+    std::cout << "camera " << ci << " " << photoName << ": " << v.seen.size() << " pixels of " << meshName << " seen";
+    if (v.backPixels > 0) std::cout << ", " << v.backPixels << " more show a facet from behind (dark red)";
+    std::cout << std::endl;
+    if (v.seen.empty())
+        std::cout << "Warning: no facet of " << meshName << " is seen from camera " << ci
+                  << " (a facet with a vertex behind the camera is not drawn)" << std::endl;
+}
+
+// Encodes the panels side by side and writes them under a temporary name
+// first.
+void writePanels(const std::vector<cv::Mat>& panels, const fs::path& outPath, const std::string& shownPath) {
+    cv::Mat out;
+    cv::hconcat(panels, out);
+    std::vector<uchar> bytes;
+    try {
+        if (!cv::imencode(outPath.extension().string(), out, bytes)) throw ToolError("cannot encode " + shownPath);
+    } catch (const cv::Exception& e) {
+        throw ToolError("cannot encode " + shownPath + ": " + e.what());
+    }
+    writeFileAtomically(outPath.string(), std::string(bytes.begin(), bytes.end()));
+    std::cout << "wrote " << shownPath << " (" << out.cols << "x" << out.rows << ")" << std::endl;
+}
+
+}  // namespace
+
 void runRender(const RenderOptions& options, const DeviceHandle& device) {
     // Checks that cost nothing come first.
-    const fs::path outPath = fs::absolute(options.outPath);
-    if (!cv::haveImageWriter(outPath.string()))
-        throw ToolError("cannot write an image named " + options.outPath + "; give a .png file");
-    std::error_code ec;
-    if (!fs::is_directory(outPath.parent_path(), ec))
-        throw ToolError("the folder of " + options.outPath + " does not exist");
-
+    const fs::path outPath = checkedOutputPath(options.outPath);
     const MeshData meshData = readMeshFile(options.meshPath);
     const TriMesh mesh = toTriMesh(meshData);
     TriMesh other;
@@ -174,143 +340,36 @@ void runRender(const RenderOptions& options, const DeviceHandle& device) {
         const std::string problem = tessaline::compare::checkMesh(other);
         if (!problem.empty()) throw ToolError("cannot measure distances to " + options.comparePath + ": " + problem);
     }
-
-    // Image paths in the scene are relative to the folder the tool runs in,
-    // which is the scene file's folder.
-    SfmScene scene;
-    const fs::path scenePath = fs::absolute(options.scenePath);
-    int ci = -1;
-    cv::Mat photo;
-    {
-        ScopedWorkingDirectory inSceneFolder(scenePath.parent_path());
-        if (!loadSfmScene(scene, scenePath.filename().string()))
-            throw ToolError("cannot load the scene " + options.scenePath);
-        ci = findSceneCamera(scene, options.camera);
-        try {
-            photo = cv::imread(scene.imagePaths[size_t(ci)], cv::IMREAD_COLOR);
-        } catch (const cv::Exception&) {
-        }
-    }
-    const cv::Mat& grey = scene.images[size_t(ci)];
-    if (photo.empty() || photo.size() != grey.size()) cv::cvtColor(grey, photo, cv::COLOR_GRAY2BGR);
-    const int W = grey.cols, H = grey.rows;
-
-    mycamera cam = scene.cameras[size_t(ci)];
+    SceneCamera sc = loadSceneCamera(options);
+    const int ci = sc.index;
+    mycamera cam = sc.scene.cameras[size_t(ci)];
     updateIntrinsicMatrices(cam);
     updateProjectionMatrix(cam);
-    const MeshView view = renderMeshView(device, mesh, cam, W, H);
+    const MeshView view = renderMeshView(device, mesh, cam, sc.photo.cols, sc.photo.rows);
+    const VisibleSurface visible = visibleSurface(view, meshData, cam);
 
-    double C[3];
-    for (int k = 0; k < 3; ++k) C[k] = -(cam.R[k] * cam.t[0] + cam.R[3 + k] * cam.t[1] + cam.R[6 + k] * cam.t[2]);
-
-    // Shade and surface point per visible pixel.
-    cv::Mat shade(H, W, CV_32F, cv::Scalar(0));
-    std::vector<cv::Point> seen;
-    std::vector<double> surface;  // 3 per seen pixel
-    int backPixels = 0;
-    for (int y = 0; y < H; ++y)
-        for (int x = 0; x < W; ++x) {
-            backPixels += view.backFace.at<uint8_t>(y, x) != 0;
-            const int f = view.facet.at<int>(y, x);
-            if (f < 0) continue;
-            const double* V = meshData.vertices.data();
-            const int32_t* F = &meshData.facets[3 * size_t(f)];
-            const double b = view.baryB.at<float>(y, x), c = view.baryC.at<float>(y, x), a = 1.0 - b - c;
-            double X[3], e1[3], e2[3];
-            for (int k = 0; k < 3; ++k) {
-                const double v0 = V[3 * size_t(F[0]) + size_t(k)], v1 = V[3 * size_t(F[1]) + size_t(k)],
-                             v2 = V[3 * size_t(F[2]) + size_t(k)];
-                X[k] = a * v0 + b * v1 + c * v2;
-                e1[k] = v1 - v0;
-                e2[k] = v2 - v0;
-            }
-            const double n[3] = {e1[1] * e2[2] - e1[2] * e2[1], e1[2] * e2[0] - e1[0] * e2[2],
-                                 e1[0] * e2[1] - e1[1] * e2[0]};
-            const double d[3] = {C[0] - X[0], C[1] - X[1], C[2] - X[2]};
-            const double nn = std::sqrt(n[0] * n[0] + n[1] * n[1] + n[2] * n[2]);
-            const double dd = std::sqrt(d[0] * d[0] + d[1] * d[1] + d[2] * d[2]);
-            const double s = nn > 0 && dd > 0 ? std::fabs(n[0] * d[0] + n[1] * d[1] + n[2] * d[2]) / (nn * dd) : 0.0;
-            shade.at<float>(y, x) = float(s);
-            seen.push_back({x, y});
-            surface.insert(surface.end(), X, X + 3);
-        }
-
-    const std::string photoName = fs::path(scene.imagePaths[size_t(ci)]).filename().string();
+    const std::string photoName = fs::path(sc.scene.imagePaths[size_t(ci)]).filename().string();
     const std::string meshName = fs::path(options.meshPath).filename().string();
-    std::cout << "camera " << ci << " " << photoName << ": " << seen.size() << " pixels of " << meshName
-              << " seen";
-    if (backPixels > 0) std::cout << ", " << backPixels << " more show a facet from behind (dark red)";
-    std::cout << std::endl;
-    if (seen.empty())
-        std::cout << "Warning: no facet of " << meshName << " is seen from camera " << ci
-                  << " (a facet with a vertex behind the camera is not drawn)" << std::endl;
+    printSeen(ci, photoName, meshName, visible);
 
     // Panel 1: the photograph. Panel 2: the shaded mesh. Panel 3: the mesh
-    // over the photograph, or the distance heat map.
-    cv::Mat meshPanel(H, W, CV_8UC3, cv::Scalar(0, 0, 0));
-    cv::Mat third = photo.clone();
-    for (const cv::Point& p : seen) {
-        const uint8_t g = uint8_t(std::lround(255.0 * (0.15 + 0.85 * shade.at<float>(p))));
-        meshPanel.at<cv::Vec3b>(p) = cv::Vec3b(g, g, g);
-    }
-    meshPanel.setTo(kBackFaceColour, view.backFace);
-
-    cv::Mat bar;
+    // over the photograph, or the distance heat map with its colour bar.
+    cv::Mat meshPanel = meshPanelOf(visible, view);
+    cv::Mat bar, third;
     std::string thirdLabel = "overlay";
     if (options.comparePath.empty()) {
-        cv::Mat mask = cv::Mat::zeros(H, W, CV_8U);
-        for (const cv::Point& p : seen) mask.at<uint8_t>(p) = 255;
-        mask |= view.backFace;
-        cv::Mat blend;
-        cv::addWeighted(photo, 0.5, meshPanel, 0.5, 0.0, blend);
-        blend.copyTo(third, mask);
+        third = overlayPanel(sc.photo, meshPanel, visible, view);
     } else {
-        const std::vector<double> dist = tessaline::compare::distancesToSurface(other, surface);
-        // The scale reaches the 98th percentile, rounded up to a readable
-        // number; distances below a millionth of the mesh's size count as none.
-        double box[6];
-        paddedMeshBox(meshData, box);
-        const double floor = 1e-6 * std::hypot(box[3] - box[0], box[4] - box[1], box[5] - box[2]);
-        const double p98 = percentile(dist, 0.98);
-        const double scale = niceScale(std::max({p98, floor, DBL_MIN}));
-        third = photo * 0.35;
-        cv::Mat level(1, int(dist.size()), CV_8U);
-        for (size_t i = 0; i < dist.size(); ++i)
-            level.at<uint8_t>(0, int(i)) = uint8_t(std::lround(255.0 * std::min(1.0, dist[i] / scale)));
-        cv::Mat heat;
-        if (!dist.empty()) cv::applyColorMap(level, heat, cv::COLORMAP_TURBO);
-        for (size_t i = 0; i < dist.size(); ++i) {
-            const double s = 0.45 + 0.55 * shade.at<float>(seen[i]);
-            const cv::Vec3b h = heat.at<cv::Vec3b>(0, int(i));
-            third.at<cv::Vec3b>(seen[i]) =
-                cv::Vec3b(uint8_t(h[0] * s), uint8_t(h[1] * s), uint8_t(h[2] * s));
-        }
-        third.setTo(kBackFaceColour, view.backFace);
-        bar = colourBar(H, scale);
         const std::string otherName = fs::path(options.comparePath).filename().string();
+        third = distancePanel(sc.photo, visible, view, meshData, other, meshName + " to " + otherName, bar);
         thirdLabel = "distance to " + otherName;
-        if (!dist.empty())
-            std::cout << "distance from " << meshName << " to " << otherName << " over those pixels: median "
-                      << percentile(dist, 0.5) << ", 98% " << p98 << ", max " << *std::max_element(dist.begin(), dist.end())
-                      << " (colour scale 0 to " << scale << ")" << std::endl;
     }
-
-    drawLabel(photo, "photograph " + photoName + " (camera " + std::to_string(ci) + ")", {8, 20});
+    drawLabel(sc.photo, "photograph " + photoName + " (camera " + std::to_string(ci) + ")", {8, 20});
     drawLabel(meshPanel, meshName, {8, 20});
     drawLabel(third, thirdLabel, {8, 20});
-    std::vector<cv::Mat> panels{photo, meshPanel, third};
+    std::vector<cv::Mat> panels{sc.photo, meshPanel, third};
     if (!bar.empty()) panels.push_back(bar);
-    cv::Mat out;
-    cv::hconcat(panels, out);
-
-    std::vector<uchar> bytes;
-    try {
-        if (!cv::imencode(outPath.extension().string(), out, bytes)) throw ToolError("cannot encode " + options.outPath);
-    } catch (const cv::Exception& e) {
-        throw ToolError("cannot encode " + options.outPath + ": " + e.what());
-    }
-    writeFileAtomically(outPath.string(), std::string(bytes.begin(), bytes.end()));
-    std::cout << "wrote " << options.outPath << " (" << out.cols << "x" << out.rows << ")" << std::endl;
+    writePanels(panels, outPath, options.outPath);
 }
 
 }  // namespace tessaline_tools
