@@ -19,3 +19,4 @@ fi
 # TESSALINE_WARNINGS_AS_ERRORS=ON (as CI sets it) makes every warning an error.
 cmake -S . -B build -DCMAKE_BUILD_TYPE=Release -DTESSALINE_WARNINGS_AS_ERRORS=${TESSALINE_WARNINGS_AS_ERRORS:-OFF}
 cmake --build build -j"$(nproc)"
+./scripts/python_tools.sh

@@ -4,5 +4,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 [ -f build/CMakeCache.txt ] || cmake -S . -B build -DCMAKE_BUILD_TYPE=Release
 cmake --build build -j"$(nproc)"
+./scripts/python_tools.sh
 cd build
 ctest --output-on-failure -j"$(nproc)"
