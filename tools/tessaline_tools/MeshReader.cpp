@@ -362,9 +362,7 @@ int64_t objCorner(const std::string& tok, int64_t verticesSoFar, const std::stri
 
 }  // namespace
 
-MeshData readPly(const std::string& path) {
-    const std::string bytes = readWholeFile(path, "mesh");
-    const std::string name = fs::path(path).filename().string();
+MeshData parsePlyBytes(const std::string& bytes, const std::string& name) {
     const PlyHeader h = parsePlyHeader(bytes, name);
     checkCountsAgainstBody(h, bytes.size() - h.bodyStart, name);
     MeshData mesh;
@@ -383,9 +381,11 @@ MeshData readPly(const std::string& path) {
     return mesh;
 }
 
-MeshData readObj(const std::string& path) {
-    const std::string bytes = readWholeFile(path, "mesh");
-    const std::string name = fs::path(path).filename().string();
+MeshData readPly(const std::string& path) {
+    return parsePlyBytes(readWholeFile(path, "mesh"), fs::path(path).filename().string());
+}
+
+MeshData parseObjBytes(const std::string& bytes, const std::string& name) {
     MeshData mesh;
     std::vector<int64_t> corners;
     size_t pos = 0, lineNo = 0;
@@ -440,6 +440,14 @@ MeshData readObj(const std::string& path) {
     return mesh;
 }
 
+MeshData readObj(const std::string& path) {
+    return parseObjBytes(readWholeFile(path, "mesh"), fs::path(path).filename().string());
+}
+
+bool startsWithPlyMagic(const char* bytes, size_t size) {
+    return size >= 4 && std::memcmp(bytes, "ply", 3) == 0 && (bytes[3] == '\n' || bytes[3] == '\r');
+}
+
 MeshData readMeshFile(const std::string& path) {
     std::error_code ec;
     if (!fs::is_regular_file(path, ec)) throw ToolError("the mesh " + path + " does not exist");
@@ -447,8 +455,7 @@ MeshData readMeshFile(const std::string& path) {
     if (std::FILE* f = std::fopen(path.c_str(), "rb")) {
         const size_t n = std::fread(magic, 1, 4, f);
         std::fclose(f);
-        if (n >= 4 && std::memcmp(magic, "ply", 3) == 0 && (magic[3] == '\n' || magic[3] == '\r'))
-            return readPly(path);
+        if (startsWithPlyMagic(magic, n)) return readPly(path);
     }
     std::string ext = fs::path(path).extension().string();
     for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
