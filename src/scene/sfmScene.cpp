@@ -90,8 +90,9 @@ bool readCameraBlock(std::istream& in, const std::string& name, int i, std::stri
 
 // The N camera blocks and their photographs. The lists grow block by block
 // rather than being sized to N at once, so that a damaged count costs no
-// memory; when a photograph fails they are then set to length N, entries
-// up to the failed one filled.
+// memory; when a photograph fails they end with its entry (no pixels), and
+// are not padded to N either: a count of a million in a file of one block
+// would otherwise cost half a gigabyte on the way out.
 bool readCameras(std::istream& in, const std::string& name, int N, SfmScene& scene,
                  const SceneImageReader& readImage) {
     for (int i = 0; i < N; ++i) {
@@ -104,9 +105,6 @@ bool readCameras(std::istream& in, const std::string& name, int N, SfmScene& sce
         scene.images.push_back(readImage(imagePath));
         if (scene.images.back().cols < 1 || scene.images.back().rows < 1) {
             std::cout << "Error: fail to load " << imagePath << std::endl;
-            scene.imagePaths.resize(N);
-            scene.images.resize(N);
-            scene.cameras.resize(N);
             return false;
         }
     }

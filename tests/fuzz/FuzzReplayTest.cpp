@@ -2,10 +2,15 @@
 // built with the ordinary compiler: every seed (real files, which must be
 // accepted) and every regression input (inputs that once crashed a reader
 // or broke a promise) under tests/fuzz. A broken promise throws here, so
-// that the failure names the file.
+// that the failure names the file. Each reader is held to the fuzzers'
+// memory bound too: no single allocation of 32 MB or more for one input
+// (scripts/fuzz.sh runs libFuzzer with -malloc_limit_mb=32), measured by
+// this binary's own operator new.
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -13,6 +18,28 @@
 
 #include "ColmapInput.h"
 #include "FuzzTargets.h"
+
+namespace {
+
+// The largest size asked of operator new since the last reset.
+std::atomic<size_t> largestAllocation{0};
+
+}  // namespace
+
+// GCC takes the free() of memory from this operator new for a mismatch.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+#endif
+
+void* operator new(size_t size) {
+    size_t largest = largestAllocation.load();
+    while (size > largest && !largestAllocation.compare_exchange_weak(largest, size)) {
+    }
+    if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
+    throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, size_t) noexcept { std::free(memory); }
 
 namespace tessaline_fuzz {
 
@@ -48,12 +75,20 @@ std::vector<fs::path> inputsOf(const std::string& kind, const Target& target) {
     return files;
 }
 
+constexpr size_t kAllocationBound = size_t(32) << 20;
+
+// Runs the target on the file's bytes; fails the test when the reader made
+// an allocation beyond the bound.
 Outcome replay(const Target& target, const fs::path& file) {
     std::ifstream in(file, std::ios::binary);
     std::ostringstream bytes;
     bytes << in.rdbuf();
     const std::string input = bytes.str();
-    return target.run(reinterpret_cast<const uint8_t*>(input.data()), input.size());
+    largestAllocation = 0;
+    const Outcome outcome = target.run(reinterpret_cast<const uint8_t*>(input.data()), input.size());
+    EXPECT_LT(largestAllocation.load(), kAllocationBound) << "an allocation of this many bytes for an input of "
+                                                          << input.size();
+    return outcome;
 }
 
 class FuzzReplay : public ::testing::TestWithParam<Target> {};
