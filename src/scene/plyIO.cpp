@@ -42,7 +42,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdio>
@@ -283,12 +282,9 @@ bool loadPlyFromStream(TriMesh& mesh, std::istream& in, const std::string& name)
     if (!checkDeclaredCounts(mesh, name)) return false;
 
     // The tables grow with what the body really holds rather than being sized
-    // from the header first, so that a damaged count costs no memory; a body
-    // that is read completely ends in the same tables as sizing them first
-    // and filling them would.
-    const size_t kReserveLimit = size_t(1) << 20;
-    mesh.vertices.reserve(std::min<size_t>(size_t(mesh.num_v) * 3, kReserveLimit));
-    mesh.facets.reserve(std::min<size_t>(size_t(mesh.num_f) * 3, kReserveLimit));
+    // from the header first, not even in part, so that a damaged count costs
+    // no memory; a body that is read completely ends in the same tables as
+    // sizing them first and filling them would.
     if (!readVertices(in, name, info.hasAlpha, mesh) || !readFacets(in, name, mesh) ||
         !checkFacetIndices(mesh, name)) {
         return false;
