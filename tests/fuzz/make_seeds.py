@@ -13,8 +13,8 @@ images, their first keypoints and the points seen only there (keypoint
 indices renumbered). The cut files keep the originals' layouts: ASCII PLY,
 binary little-endian PLY with double coordinates and normals, the model as
 COLMAP's text and binary files. Made from the cut temple hull as well: a
-big-endian float PLY and an OBJ. The seeds are committed; run this again
-only to change them.
+big-endian float PLY with int corner counts, and an OBJ. The seeds are
+committed; run this again only to change them.
 """
 import argparse
 import os
@@ -97,11 +97,12 @@ def binary_hull_ply(vertices, faces):
 
 
 def big_endian_float_ply(vertices, faces):
+    """Float coordinates, and int corner counts as some writers give them."""
     header = ("ply\nformat binary_big_endian 1.0\nelement vertex %d\nproperty float x\nproperty float y\n"
-              "property float z\nelement face %d\nproperty list uchar int vertex_indices\nend_header\n"
+              "property float z\nelement face %d\nproperty list int int vertex_indices\nend_header\n"
               % (len(vertices), len(faces)))
     body = b"".join(struct.pack(">3f", *v[:3]) for v in vertices)
-    body += b"".join(struct.pack(">B%di" % len(f), len(f), *f) for f in faces)
+    body += b"".join(struct.pack(">i%di" % len(f), len(f), *f) for f in faces)
     return header.encode() + body
 
 
