@@ -25,6 +25,9 @@ namespace {
 
 // The largest size asked of operator new since the last reset.
 std::atomic<size_t> largestAllocation{0};
+// Refused outright, so that a reader that sizes a table from a damaged count
+// fails here at once instead of filling gigabytes.
+constexpr size_t kRefusedAllocation = size_t(256) << 20;
 
 }  // namespace
 
@@ -37,6 +40,7 @@ void* operator new(size_t size) {
     size_t largest = largestAllocation.load();
     while (size > largest && !largestAllocation.compare_exchange_weak(largest, size)) {
     }
+    if (size >= kRefusedAllocation) throw std::bad_alloc();
     if (void* memory = std::malloc(size == 0 ? 1 : size)) return memory;
     throw std::bad_alloc();
 }

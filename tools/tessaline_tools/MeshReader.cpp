@@ -267,6 +267,31 @@ void checkCountsAgainstBody(const PlyHeader& h, size_t bodyBytes, const std::str
     }
 }
 
+// The `n` corners of a face, read one by one: a count larger than the data
+// is refused where the data ends instead of sizing anything first.
+template <class Values>
+void readFaceCorners(Values& values, PlyType type, double n, const BodyPlace& place, std::vector<double>& polygon) {
+    polygon.clear();
+    for (double j = 0; j < n; ++j) {
+        const double corner = values.value(type);
+        if (corner < 0 || corner > double(kMaxCount))
+            throw ToolError(place.where() + ": the vertex index " + std::to_string(int64_t(corner)) +
+                            " is out of range");
+        polygon.push_back(corner);
+    }
+}
+
+// A polygon as a triangle fan, keeping its winding.
+void addTriangleFan(const std::vector<double>& polygon, MeshData& mesh, const std::string& name) {
+    if (polygon.size() > 3) ++mesh.polygonsSplit;
+    for (size_t j = 1; j + 1 < polygon.size(); ++j) {
+        if (mesh.facets.size() / 3 >= size_t(kMaxCount)) throw ToolError(name + ": too many facets");
+        mesh.facets.push_back(int32_t(polygon[0]));
+        mesh.facets.push_back(int32_t(polygon[j]));
+        mesh.facets.push_back(int32_t(polygon[j + 1]));
+    }
+}
+
 template <class Values>
 void readPlyBody(const PlyHeader& h, Values& values, BodyPlace& place, MeshData& mesh, const std::string& name) {
     int64_t numVertices = -1;
@@ -313,20 +338,8 @@ void readPlyBody(const PlyHeader& h, Values& values, BodyPlace& place, MeshData&
                     continue;
                 }
                 if (n < 3) throw ToolError(place.where() + ": a face has fewer than three corners");
-                polygon.resize(size_t(n));
-                for (size_t j = 0; j < polygon.size(); ++j) {
-                    polygon[j] = values.value(p.type);
-                    if (polygon[j] < 0 || polygon[j] > double(kMaxCount))
-                        throw ToolError(place.where() + ": the vertex index " + std::to_string(int64_t(polygon[j])) +
-                                        " is out of range");
-                }
-                if (polygon.size() > 3) ++mesh.polygonsSplit;
-                for (size_t j = 1; j + 1 < polygon.size(); ++j) {
-                    if (mesh.facets.size() / 3 >= size_t(kMaxCount)) throw ToolError(name + ": too many facets");
-                    mesh.facets.push_back(int32_t(polygon[0]));
-                    mesh.facets.push_back(int32_t(polygon[j]));
-                    mesh.facets.push_back(int32_t(polygon[j + 1]));
-                }
+                readFaceCorners(values, p.type, n, place, polygon);
+                addTriangleFan(polygon, mesh, name);
             }
         }
     }
