@@ -2,6 +2,8 @@
 // resolution, a bounding box and per-camera neighbour lists.
 #pragma once
 
+#include <functional>
+#include <istream>
 #include <string>
 #include <vector>
 
@@ -21,3 +23,15 @@ struct SfmScene {
 // line and, on success, the count and "Bounding Box: " lines. Returns true
 // when the scene is complete and usable; on failure it has printed why.
 bool loadSfmScene(SfmScene& scene, const std::string& path);
+
+// Gives the photograph at a path of the scene file as one 8-bit grey
+// channel, or a matrix without pixels when there is none to read.
+using SceneImageReader = std::function<cv::Mat(const std::string& imagePath)>;
+
+// The scene file's text from `in` (switched to the classic locale), each
+// photograph taken from `readImage` as soon as its camera block has been
+// read. Messages name the file `name`. Prints what loadSfmScene prints after
+// its "loading " line, and returns what it returns; loadSfmScene is this
+// reader over the file, with the photographs read from disk.
+bool loadSfmSceneFromStream(SfmScene& scene, std::istream& in, const std::string& name,
+                            const SceneImageReader& readImage);

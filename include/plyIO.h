@@ -1,6 +1,7 @@
 // The small ASCII PLY dialect the tool reads and writes.
 #pragma once
 
+#include <istream>
 #include <string>
 
 #include "TriMesh.h"
@@ -9,6 +10,11 @@
 // header ended with "end_header" and the counts are usable; on failure it has
 // printed an "Error: " line (or "<path> not found").
 bool loadPly(TriMesh& mesh, const std::string& path);
+
+// The same reader over any stream (switched to the classic locale); messages
+// name the file `name`. Prints what loadPly prints after its "reading " line
+// and returns what it returns; loadPly is this reader over the opened file.
+bool loadPlyFromStream(TriMesh& mesh, std::istream& in, const std::string& name);
 
 // Writes num_v vertices and num_f facets as ASCII PLY. Prints "saving <path>".
 // The file is written under a temporary name in the same folder and renamed

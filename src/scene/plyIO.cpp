@@ -1,7 +1,8 @@
 // PLY reader and writer: one small ASCII dialect, read as
 // whitespace-separated tokens.
 //
-// loadPly follows the header walk and body shapes. It returns true
+// loadPly follows the header walk and body shapes; it opens the file and
+// hands it to loadPlyFromStream, the reader of any stream. It returns true
 // when the mesh is usable; for inputs that would be misread or would break the
 // mesh's invariants it prints an "Error: " line and returns false,
 // leaving the mesh empty (both counts 0, all primary tables empty):
@@ -41,7 +42,6 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cctype>
 #include <climits>
 #include <cstdio>
@@ -95,186 +95,214 @@ struct HeaderInfo {
     bool hasAlpha = false;
 };
 
-// The header walk, with the checks listed at the top of the file
-// made on the side. Returns false after printing an "Error: " line.
-bool walkHeader(std::istream& in, const std::string& path, TriMesh& mesh, HeaderInfo& info) {
+// What the header walk carries from one token to the next: the token just
+// read (the walk's buffer), the last token read in step 1, the element being
+// declared, and whether the next step-1 token names a vertex property.
+struct HeaderWalk {
+    std::istream& in;
+    const std::string& name;
     std::string buffer;
-    std::string previousStep1;       // the last token read in step 1
-    std::string currentElement;      // name of the element being declared
-    bool checkNextAsVertexProperty = false;  // the next step-1 token names a vertex property
+    std::string previousStep1;
+    std::string currentElement;
+    bool checkNextAsVertexProperty = false;
+};
 
-    for (;;) {
-        // Step 1: the next token. End of input ends the walk.
-        if (!readHeaderToken(in, buffer)) {
-            std::cout << "Error: " << path << " ends before end_header" << std::endl;
-            return false;
+// The next header token into the walk's buffer; false after printing the
+// "ends before end_header" line at the end of input.
+bool nextHeaderToken(HeaderWalk& walk) {
+    if (readHeaderToken(walk.in, walk.buffer)) return true;
+    std::cout << "Error: " << walk.name << " ends before end_header" << std::endl;
+    return false;
+}
+
+bool refuseVertexProperty(const std::string& name, const std::string& property) {
+    std::cout << "Error: " << name << " declares the vertex property '" << property
+              << "'; this tool reads vertices of x, y, z (and uchar alpha) only: convert the mesh first" << std::endl;
+    return false;
+}
+
+bool isCoordinate(const std::string& token) { return token == "x" || token == "y" || token == "z"; }
+
+// Step 2, after "element": the element's name and, for vertex and face, its
+// count. The buffer is left holding the name.
+bool walkElement(HeaderWalk& walk, TriMesh& mesh) {
+    if (!nextHeaderToken(walk)) return false;
+    const std::string& element = walk.buffer;
+    walk.currentElement = element;
+    if (element != "vertex" && element != "face") {
+        std::cout << "Warning: " << walk.name << " declares an element '" << element
+                  << "' that this tool does not read; data of it in the body would be misread" << std::endl;
+        return true;
+    }
+    int32_t count = 0;
+    if (!(walk.in >> count)) {
+        std::cout << "Error: " << walk.name << " has no readable " << element
+                  << " count in its header (an int32 must follow 'element " << element << "')" << std::endl;
+        return false;
+    }
+    (element == "vertex" ? mesh.num_v : mesh.num_f) = count;
+    return true;
+}
+
+// Step 3, after "property": its type and, for "uchar", its name. A scalar
+// vertex property other than uchar has its name checked as the next step-1
+// token.
+bool walkProperty(HeaderWalk& walk, HeaderInfo& info) {
+    if (!nextHeaderToken(walk)) return false;
+    const bool vertexProperty = walk.currentElement == "vertex";
+    if (walk.buffer == "uchar") {
+        if (!nextHeaderToken(walk)) return false;
+        if (walk.buffer == "alpha") {
+            info.hasAlpha = true;
+        } else if (vertexProperty && !isCoordinate(walk.buffer)) {
+            return refuseVertexProperty(walk.name, walk.buffer);
         }
-        if (checkNextAsVertexProperty) {
+    } else if (vertexProperty && walk.buffer == "list") {
+        std::cout << "Error: " << walk.name
+                  << " declares a list property for its vertices; this tool reads vertices of x, y, z (and "
+                     "uchar alpha) only: convert the mesh first"
+                  << std::endl;
+        return false;
+    } else if (vertexProperty) {
+        walk.checkNextAsVertexProperty = true;
+    }
+    return true;
+}
+
+// The header walk, with the checks listed at the top of the file made on the
+// side. Each round is step 1 (the next token; end of input ends the walk),
+// step 2 when it is "element", step 3 when the buffer then says "property".
+// Returns false after printing an "Error: " line.
+bool walkHeader(std::istream& in, const std::string& name, TriMesh& mesh, HeaderInfo& info) {
+    HeaderWalk walk{in, name, {}, {}, {}, false};
+    for (;;) {
+        if (!nextHeaderToken(walk)) return false;
+        if (walk.checkNextAsVertexProperty) {
             // "property <scalar type> <name>" under the vertex element: the
             // walk lets the name go by as an ordinary token; only x, y and z
             // are read by the body.
-            checkNextAsVertexProperty = false;
-            if (buffer != "x" && buffer != "y" && buffer != "z") {
-                std::cout << "Error: " << path << " declares the vertex property '" << buffer
-                          << "'; this tool reads vertices of x, y, z (and uchar alpha) only: convert the mesh first"
-                          << std::endl;
-                return false;
-            }
+            walk.checkNextAsVertexProperty = false;
+            if (!isCoordinate(walk.buffer)) return refuseVertexProperty(name, walk.buffer);
         }
-        if (previousStep1 == "format" &&
-            (buffer == "binary_little_endian" || buffer == "binary_big_endian")) {
-            std::cout << "Error: " << path << " is a binary PLY file; this tool reads ASCII PLY" << std::endl;
+        if (walk.previousStep1 == "format" &&
+            (walk.buffer == "binary_little_endian" || walk.buffer == "binary_big_endian")) {
+            std::cout << "Error: " << name << " is a binary PLY file; this tool reads ASCII PLY" << std::endl;
             return false;
         }
-        previousStep1 = buffer;
-        if (buffer == "end_header") return true;
-
-        // Step 2: an element declaration and its count.
-        if (buffer == "element") {
-            if (!readHeaderToken(in, buffer)) {
-                std::cout << "Error: " << path << " ends before end_header" << std::endl;
-                return false;
-            }
-            currentElement = buffer;
-            if (buffer == "vertex" || buffer == "face") {
-                int32_t count = 0;
-                if (!(in >> count)) {
-                    std::cout << "Error: " << path << " has no readable " << buffer
-                              << " count in its header (an int32 must follow 'element " << buffer << "')"
-                              << std::endl;
-                    return false;
-                }
-                (buffer == "vertex" ? mesh.num_v : mesh.num_f) = count;
-            } else {
-                std::cout << "Warning: " << path << " declares an element '" << buffer
-                          << "' that this tool does not read; data of it in the body would be misread" << std::endl;
-            }
-        }
-
-        // Step 3: a property declaration.
-        if (buffer == "property") {
-            if (!readHeaderToken(in, buffer)) {
-                std::cout << "Error: " << path << " ends before end_header" << std::endl;
-                return false;
-            }
-            const bool vertexProperty = currentElement == "vertex";
-            if (buffer == "uchar") {
-                if (!readHeaderToken(in, buffer)) {
-                    std::cout << "Error: " << path << " ends before end_header" << std::endl;
-                    return false;
-                }
-                if (buffer == "alpha") {
-                    info.hasAlpha = true;
-                } else if (vertexProperty && buffer != "x" && buffer != "y" && buffer != "z") {
-                    std::cout << "Error: " << path << " declares the vertex property '" << buffer
-                              << "'; this tool reads vertices of x, y, z (and uchar alpha) only: convert the mesh first"
-                              << std::endl;
-                    return false;
-                }
-            } else if (vertexProperty && buffer == "list") {
-                std::cout << "Error: " << path
-                          << " declares a list property for its vertices; this tool reads vertices of x, y, z (and "
-                             "uchar alpha) only: convert the mesh first"
-                          << std::endl;
-                return false;
-            } else if (vertexProperty) {
-                checkNextAsVertexProperty = true;
-            }
-        }
-        // Step 4: back to step 1.
+        walk.previousStep1 = walk.buffer;
+        if (walk.buffer == "end_header") return true;
+        if (walk.buffer == "element" && !walkElement(walk, mesh)) return false;
+        if (walk.buffer == "property" && !walkProperty(walk, info)) return false;
     }
+}
+
+// Refuses negative counts and counts whose triple does not fit in int32.
+bool checkDeclaredCounts(TriMesh& mesh, const std::string& name) {
+    const int32_t num_v = mesh.num_v;
+    const int32_t num_f = mesh.num_f;
+    if (num_v < 0) return fail(mesh, name + " declares a negative vertex count " + std::to_string(num_v));
+    if (num_f < 0) return fail(mesh, name + " declares a negative face count " + std::to_string(num_f));
+    if (num_v > kMaxCount) {
+        return fail(mesh, name + " declares " + std::to_string(num_v) + " vertices; at most " +
+                              std::to_string(kMaxCount) + " are supported");
+    }
+    if (num_f > kMaxCount) {
+        return fail(mesh, name + " declares " + std::to_string(num_f) + " faces; at most " +
+                              std::to_string(kMaxCount) + " are supported");
+    }
+    return true;
+}
+
+// A body value that could not be read: the input ended, or the value does
+// not parse.
+bool failShortBody(std::istream& in, TriMesh& mesh, const std::string& name, const std::string& where) {
+    if (in.eof()) return fail(mesh, name + " holds fewer values than its header declares (it ends in " + where + ")");
+    return fail(mesh, name + " holds a value that does not parse in " + where);
+}
+
+bool readVertices(std::istream& in, const std::string& name, bool hasAlpha, TriMesh& mesh) {
+    for (int32_t i = 0; i < mesh.num_v; ++i) {
+        float x = 0.0f, y = 0.0f, z = 0.0f;
+        if (!(in >> x >> y >> z)) return failShortBody(in, mesh, name, "vertex " + std::to_string(i));
+        mesh.vertices.push_back(x);
+        mesh.vertices.push_back(y);
+        mesh.vertices.push_back(z);
+        if (hasAlpha) {
+            int alpha = 0;  // read and dropped
+            if (!(in >> alpha)) return failShortBody(in, mesh, name, "vertex " + std::to_string(i));
+        }
+    }
+    return true;
+}
+
+bool readFacets(std::istream& in, const std::string& name, TriMesh& mesh) {
+    for (int32_t f = 0; f < mesh.num_f; ++f) {
+        int count = 0;
+        int32_t a = 0, b = 0, c = 0;
+        if (!(in >> count)) return failShortBody(in, mesh, name, "facet " + std::to_string(f));
+        if (count != 3) {
+            return fail(mesh, "facet " + std::to_string(f) + " of " + name + " has " + std::to_string(count) +
+                                  " vertices; this tool reads triangles only");
+        }
+        if (!(in >> a >> b >> c)) return failShortBody(in, mesh, name, "facet " + std::to_string(f));
+        mesh.facets.push_back(a);
+        mesh.facets.push_back(b);
+        mesh.facets.push_back(c);
+    }
+    return true;
+}
+
+bool checkFacetIndices(TriMesh& mesh, const std::string& name) {
+    const int32_t num_v = mesh.num_v;
+    for (int32_t f = 0; f < mesh.num_f; ++f) {
+        for (int k = 0; k < 3; ++k) {
+            const int32_t index = mesh.facets[size_t(f) * 3 + k];
+            if (index >= 0 && index < num_v) continue;
+            if (num_v == 0) {
+                return fail(mesh, "facet " + std::to_string(f) + " of " + name + " refers to vertex " +
+                                      std::to_string(index) + ", but the mesh has no vertex");
+            }
+            return fail(mesh, "facet " + std::to_string(f) + " of " + name + " refers to vertex " +
+                                  std::to_string(index) + ", outside 0.." + std::to_string(num_v - 1));
+        }
+    }
+    return true;
 }
 
 }  // namespace
 
+bool loadPlyFromStream(TriMesh& mesh, std::istream& in, const std::string& name) {
+    mesh.clear();
+    in.imbue(std::locale::classic());
+    HeaderInfo info;
+    if (!walkHeader(in, name, mesh, info)) {
+        resetMesh(mesh);
+        return false;
+    }
+    if (!checkDeclaredCounts(mesh, name)) return false;
+
+    // The tables grow with what the body really holds rather than being sized
+    // from the header first, not even in part, so that a damaged count costs
+    // no memory; a body that is read completely ends in the same tables as
+    // sizing them first and filling them would.
+    if (!readVertices(in, name, info.hasAlpha, mesh) || !readFacets(in, name, mesh) ||
+        !checkFacetIndices(mesh, name)) {
+        return false;
+    }
+    mesh.vertex_attributes.assign(size_t(mesh.num_v) * 3, 0);
+    mesh.vertex_records.assign(size_t(mesh.num_v), VertexRecord());
+    return true;
+}
+
 bool loadPly(TriMesh& mesh, const std::string& path) {
     std::cout << "reading " << path << std::endl;
-    mesh.clear();
-
     std::ifstream in(path);
     if (!in.is_open()) {
         std::cout << path << " not found" << std::endl;
         resetMesh(mesh);
         return false;
     }
-    in.imbue(std::locale::classic());
-
-    HeaderInfo info;
-    if (!walkHeader(in, path, mesh, info)) {
-        resetMesh(mesh);
-        return false;
-    }
-    const int32_t num_v = mesh.num_v;
-    const int32_t num_f = mesh.num_f;
-    if (num_v < 0) return fail(mesh, path + " declares a negative vertex count " + std::to_string(num_v));
-    if (num_f < 0) return fail(mesh, path + " declares a negative face count " + std::to_string(num_f));
-    if (num_v > kMaxCount) {
-        return fail(mesh, path + " declares " + std::to_string(num_v) + " vertices; at most " +
-                              std::to_string(kMaxCount) + " are supported");
-    }
-    if (num_f > kMaxCount) {
-        return fail(mesh, path + " declares " + std::to_string(num_f) + " faces; at most " +
-                              std::to_string(kMaxCount) + " are supported");
-    }
-
-    // The tables grow with what the body really holds rather than being sized
-    // from the header first, so that a damaged count costs no memory; a body
-    // that is read completely ends in the same tables as sizing them first
-    // and filling them would.
-    const size_t kReserveLimit = size_t(1) << 20;
-    std::vector<float>& vertices = mesh.vertices;
-    std::vector<int32_t>& facets = mesh.facets;
-    vertices.reserve(std::min<size_t>(size_t(num_v) * 3, kReserveLimit));
-    facets.reserve(std::min<size_t>(size_t(num_f) * 3, kReserveLimit));
-
-    auto shortBody = [&](const std::string& where) {
-        if (in.eof()) {
-            return fail(mesh, path + " holds fewer values than its header declares (it ends in " + where + ")");
-        }
-        return fail(mesh, path + " holds a value that does not parse in " + where);
-    };
-
-    for (int32_t i = 0; i < num_v; ++i) {
-        float x = 0.0f, y = 0.0f, z = 0.0f;
-        if (!(in >> x >> y >> z)) return shortBody("vertex " + std::to_string(i));
-        vertices.push_back(x);
-        vertices.push_back(y);
-        vertices.push_back(z);
-        if (info.hasAlpha) {
-            int alpha = 0;  // read and dropped
-            if (!(in >> alpha)) return shortBody("vertex " + std::to_string(i));
-        }
-    }
-    for (int32_t f = 0; f < num_f; ++f) {
-        int count = 0;
-        int32_t a = 0, b = 0, c = 0;
-        if (!(in >> count)) return shortBody("facet " + std::to_string(f));
-        if (count != 3) {
-            return fail(mesh, "facet " + std::to_string(f) + " of " + path + " has " + std::to_string(count) +
-                                  " vertices; this tool reads triangles only");
-        }
-        if (!(in >> a >> b >> c)) return shortBody("facet " + std::to_string(f));
-        facets.push_back(a);
-        facets.push_back(b);
-        facets.push_back(c);
-    }
-    for (int32_t f = 0; f < num_f; ++f) {
-        for (int k = 0; k < 3; ++k) {
-            const int32_t index = facets[size_t(f) * 3 + k];
-            if (index < 0 || index >= num_v) {
-                if (num_v == 0) {
-                    return fail(mesh, "facet " + std::to_string(f) + " of " + path + " refers to vertex " +
-                                          std::to_string(index) + ", but the mesh has no vertex");
-                }
-                return fail(mesh, "facet " + std::to_string(f) + " of " + path + " refers to vertex " +
-                                      std::to_string(index) + ", outside 0.." + std::to_string(num_v - 1));
-            }
-        }
-    }
-
-    mesh.vertex_attributes.assign(size_t(num_v) * 3, 0);
-    mesh.vertex_records.assign(size_t(num_v), VertexRecord());
-    return true;
+    return loadPlyFromStream(mesh, in, path);
 }
 
 bool savePly(const TriMesh& mesh, const std::string& path) {

@@ -65,13 +65,12 @@ struct TextLine {
     }
 };
 
-// A text file as lines.
+// A text file as lines; `name` is the file's name, for messages.
 struct TextFile {
-    std::string path;
+    std::string name;
     std::vector<std::string> lines;
 
-    explicit TextFile(const std::string& p) : path(p) {
-        const std::string bytes = readWholeFile(p, "COLMAP file");
+    TextFile(const std::string& bytes, const std::string& fileName) : name(fileName) {
         size_t pos = 0;
         std::string line;
         while (nextLine(bytes, pos, line)) lines.push_back(line);
@@ -83,7 +82,7 @@ struct TextFile {
     }
 
     TextLine tokenise(size_t index) const {
-        TextLine t{fs::path(path).filename().string(), index + 1, {}};
+        TextLine t{name, index + 1, {}};
         std::istringstream in(lines[index]);
         std::string tok;
         while (in >> tok) t.tokens.push_back(tok);
@@ -93,8 +92,8 @@ struct TextFile {
 
 constexpr int64_t kMaxId32 = 0xFFFFFFFFll;
 
-void readCamerasText(const std::string& path, ColmapModel& model) {
-    const TextFile file(path);
+void readCamerasText(const std::string& bytes, const std::string& name, ColmapModel& model) {
+    const TextFile file(bytes, name);
     for (size_t i = 0; i < file.lines.size(); ++i) {
         if (TextFile::isSkipped(file.lines[i])) continue;
         const TextLine line = file.tokenise(i);
@@ -116,8 +115,8 @@ void readCamerasText(const std::string& path, ColmapModel& model) {
     }
 }
 
-void readImagesText(const std::string& path, ColmapModel& model) {
-    const TextFile file(path);
+void readImagesText(const std::string& bytes, const std::string& name, ColmapModel& model) {
+    const TextFile file(bytes, name);
     size_t i = 0;
     while (i < file.lines.size()) {
         if (TextFile::isSkipped(file.lines[i])) {
@@ -161,8 +160,8 @@ void readImagesText(const std::string& path, ColmapModel& model) {
     }
 }
 
-void readPointsText(const std::string& path, ColmapModel& model) {
-    const TextFile file(path);
+void readPointsText(const std::string& bytes, const std::string& name, ColmapModel& model) {
+    const TextFile file(bytes, name);
     for (size_t i = 0; i < file.lines.size(); ++i) {
         if (TextFile::isSkipped(file.lines[i])) continue;
         const TextLine line = file.tokenise(i);
@@ -188,8 +187,7 @@ void readPointsText(const std::string& path, ColmapModel& model) {
 // against the bytes that are left before anything is sized by it.
 class BinaryReader {
    public:
-    explicit BinaryReader(const std::string& path)
-        : name_(fs::path(path).filename().string()), bytes_(readWholeFile(path, "COLMAP file")) {}
+    BinaryReader(const std::string& bytes, const std::string& name) : name_(name), bytes_(bytes) {}
 
     uint8_t u8() { return uint8_t(take(1)[0]); }
     uint32_t u32() { return uint32_t(le(take(4), 4)); }
@@ -252,12 +250,12 @@ class BinaryReader {
     }
 
     std::string name_;
-    std::string bytes_;
+    const std::string& bytes_;
     size_t pos_ = 0;
 };
 
-void readCamerasBinary(const std::string& path, ColmapModel& model) {
-    BinaryReader in(path);
+void readCamerasBinary(const std::string& bytes, const std::string& name, ColmapModel& model) {
+    BinaryReader in(bytes, name);
     const uint64_t n = in.count("cameras", 24);
     for (uint64_t i = 0; i < n; ++i) {
         ColmapCamera cam;
@@ -282,8 +280,8 @@ void readCamerasBinary(const std::string& path, ColmapModel& model) {
     in.expectEnd();
 }
 
-void readImagesBinary(const std::string& path, ColmapModel& model) {
-    BinaryReader in(path);
+void readImagesBinary(const std::string& bytes, const std::string& name, ColmapModel& model) {
+    BinaryReader in(bytes, name);
     const uint64_t n = in.count("images", 4 + 32 + 24 + 4 + 1 + 8);
     for (uint64_t i = 0; i < n; ++i) {
         ColmapImage image;
@@ -307,8 +305,8 @@ void readImagesBinary(const std::string& path, ColmapModel& model) {
     in.expectEnd();
 }
 
-void readPointsBinary(const std::string& path, ColmapModel& model) {
-    BinaryReader in(path);
+void readPointsBinary(const std::string& bytes, const std::string& name, ColmapModel& model) {
+    BinaryReader in(bytes, name);
     const uint64_t n = in.count("points", 8 + 24 + 3 + 8 + 8);
     model.points.reserve(n);
     for (uint64_t i = 0; i < n; ++i) {
@@ -379,6 +377,48 @@ void checkReferences(ColmapModel& model) {
                                 std::to_string(ob.point3DId) + ", which " + pointsFile + " does not have");
 }
 
+// The three files of a model in reading order, with their parsers.
+using PartParser = void (*)(const std::string& bytes, const std::string& name, ColmapModel& model);
+struct ModelPart {
+    const char* stem;
+    std::string ColmapFileBytes::*bytes;
+    PartParser parseText;
+    PartParser parseBinary;
+};
+const ModelPart kModelParts[] = {
+    {"cameras", &ColmapFileBytes::cameras, readCamerasText, readCamerasBinary},
+    {"images", &ColmapFileBytes::images, readImagesText, readImagesBinary},
+    {"points3D", &ColmapFileBytes::points3D, readPointsText, readPointsBinary},
+};
+
+// Parses the three files in order, each as soon as `bytesOf(part, fileName)`
+// has given its bytes (a file is read only once the one before has been
+// parsed), then checks the references between them.
+template <class BytesOf>
+ColmapModel parseModel(ColmapFormat format, const BytesOf& bytesOf) {
+    ColmapModel model;
+    model.format = format;
+    const bool binary = format == ColmapFormat::Binary;
+    for (const ModelPart& part : kModelParts) {
+        const std::string fileName = std::string(part.stem) + (binary ? ".bin" : ".txt");
+        (binary ? part.parseBinary : part.parseText)(bytesOf(part, fileName), fileName, model);
+    }
+    checkReferences(model);
+    return model;
+}
+
+ColmapModel readModelFiles(const std::string& dir, ColmapFormat format) {
+    return parseModel(format, [&](const ModelPart&, const std::string& fileName) {
+        return readWholeFile((fs::path(dir) / fileName).string(), "COLMAP file");
+    });
+}
+
+ColmapModel parseModelBytes(const ColmapFileBytes& files, ColmapFormat format) {
+    return parseModel(format, [&](const ModelPart& part, const std::string&) -> const std::string& {
+        return files.*part.bytes;
+    });
+}
+
 bool hasAll(const fs::path& dir, const char* ext) {
     std::error_code ec;
     for (const char* stem : {"cameras", "images", "points3D"})
@@ -405,27 +445,13 @@ int ColmapModel::findImage(uint32_t imageId) const {
     return it == imageIndex.end() ? -1 : it->second;
 }
 
-ColmapModel readColmapText(const std::string& dir) {
-    ColmapModel model;
-    model.format = ColmapFormat::Text;
-    const fs::path d(dir);
-    readCamerasText((d / "cameras.txt").string(), model);
-    readImagesText((d / "images.txt").string(), model);
-    readPointsText((d / "points3D.txt").string(), model);
-    checkReferences(model);
-    return model;
-}
+ColmapModel readColmapText(const std::string& dir) { return readModelFiles(dir, ColmapFormat::Text); }
 
-ColmapModel readColmapBinary(const std::string& dir) {
-    ColmapModel model;
-    model.format = ColmapFormat::Binary;
-    const fs::path d(dir);
-    readCamerasBinary((d / "cameras.bin").string(), model);
-    readImagesBinary((d / "images.bin").string(), model);
-    readPointsBinary((d / "points3D.bin").string(), model);
-    checkReferences(model);
-    return model;
-}
+ColmapModel readColmapBinary(const std::string& dir) { return readModelFiles(dir, ColmapFormat::Binary); }
+
+ColmapModel parseColmapText(const ColmapFileBytes& files) { return parseModelBytes(files, ColmapFormat::Text); }
+
+ColmapModel parseColmapBinary(const ColmapFileBytes& files) { return parseModelBytes(files, ColmapFormat::Binary); }
 
 ColmapModel readColmapModel(const std::string& dir) {
     const fs::path d(dir);

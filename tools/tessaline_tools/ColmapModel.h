@@ -83,4 +83,16 @@ ColmapModel readColmapModel(const std::string& dir);
 ColmapModel readColmapText(const std::string& dir);
 ColmapModel readColmapBinary(const std::string& dir);
 
+// The bytes of a model's three files, held in memory.
+struct ColmapFileBytes {
+    std::string cameras;
+    std::string images;
+    std::string points3D;
+};
+
+// The same two readers over bytes held in memory; messages name the files
+// as the path readers do (cameras.txt, images.bin, ...). Throw ToolError.
+ColmapModel parseColmapText(const ColmapFileBytes& files);
+ColmapModel parseColmapBinary(const ColmapFileBytes& files);
+
 }  // namespace tessaline_tools

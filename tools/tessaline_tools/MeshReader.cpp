@@ -267,6 +267,31 @@ void checkCountsAgainstBody(const PlyHeader& h, size_t bodyBytes, const std::str
     }
 }
 
+// The `n` corners of a face, read one by one: a count larger than the data
+// is refused where the data ends instead of sizing anything first.
+template <class Values>
+void readFaceCorners(Values& values, PlyType type, double n, const BodyPlace& place, std::vector<double>& polygon) {
+    polygon.clear();
+    for (double j = 0; j < n; ++j) {
+        const double corner = values.value(type);
+        if (corner < 0 || corner > double(kMaxCount))
+            throw ToolError(place.where() + ": the vertex index " + std::to_string(int64_t(corner)) +
+                            " is out of range");
+        polygon.push_back(corner);
+    }
+}
+
+// A polygon as a triangle fan, keeping its winding.
+void addTriangleFan(const std::vector<double>& polygon, MeshData& mesh, const std::string& name) {
+    if (polygon.size() > 3) ++mesh.polygonsSplit;
+    for (size_t j = 1; j + 1 < polygon.size(); ++j) {
+        if (mesh.facets.size() / 3 >= size_t(kMaxCount)) throw ToolError(name + ": too many facets");
+        mesh.facets.push_back(int32_t(polygon[0]));
+        mesh.facets.push_back(int32_t(polygon[j]));
+        mesh.facets.push_back(int32_t(polygon[j + 1]));
+    }
+}
+
 template <class Values>
 void readPlyBody(const PlyHeader& h, Values& values, BodyPlace& place, MeshData& mesh, const std::string& name) {
     int64_t numVertices = -1;
@@ -313,20 +338,8 @@ void readPlyBody(const PlyHeader& h, Values& values, BodyPlace& place, MeshData&
                     continue;
                 }
                 if (n < 3) throw ToolError(place.where() + ": a face has fewer than three corners");
-                polygon.resize(size_t(n));
-                for (size_t j = 0; j < polygon.size(); ++j) {
-                    polygon[j] = values.value(p.type);
-                    if (polygon[j] < 0 || polygon[j] > double(kMaxCount))
-                        throw ToolError(place.where() + ": the vertex index " + std::to_string(int64_t(polygon[j])) +
-                                        " is out of range");
-                }
-                if (polygon.size() > 3) ++mesh.polygonsSplit;
-                for (size_t j = 1; j + 1 < polygon.size(); ++j) {
-                    if (mesh.facets.size() / 3 >= size_t(kMaxCount)) throw ToolError(name + ": too many facets");
-                    mesh.facets.push_back(int32_t(polygon[0]));
-                    mesh.facets.push_back(int32_t(polygon[j]));
-                    mesh.facets.push_back(int32_t(polygon[j + 1]));
-                }
+                readFaceCorners(values, p.type, n, place, polygon);
+                addTriangleFan(polygon, mesh, name);
             }
         }
     }
@@ -362,9 +375,7 @@ int64_t objCorner(const std::string& tok, int64_t verticesSoFar, const std::stri
 
 }  // namespace
 
-MeshData readPly(const std::string& path) {
-    const std::string bytes = readWholeFile(path, "mesh");
-    const std::string name = fs::path(path).filename().string();
+MeshData parsePlyBytes(const std::string& bytes, const std::string& name) {
     const PlyHeader h = parsePlyHeader(bytes, name);
     checkCountsAgainstBody(h, bytes.size() - h.bodyStart, name);
     MeshData mesh;
@@ -383,9 +394,11 @@ MeshData readPly(const std::string& path) {
     return mesh;
 }
 
-MeshData readObj(const std::string& path) {
-    const std::string bytes = readWholeFile(path, "mesh");
-    const std::string name = fs::path(path).filename().string();
+MeshData readPly(const std::string& path) {
+    return parsePlyBytes(readWholeFile(path, "mesh"), fs::path(path).filename().string());
+}
+
+MeshData parseObjBytes(const std::string& bytes, const std::string& name) {
     MeshData mesh;
     std::vector<int64_t> corners;
     size_t pos = 0, lineNo = 0;
@@ -440,6 +453,14 @@ MeshData readObj(const std::string& path) {
     return mesh;
 }
 
+MeshData readObj(const std::string& path) {
+    return parseObjBytes(readWholeFile(path, "mesh"), fs::path(path).filename().string());
+}
+
+bool startsWithPlyMagic(const char* bytes, size_t size) {
+    return size >= 4 && std::memcmp(bytes, "ply", 3) == 0 && (bytes[3] == '\n' || bytes[3] == '\r');
+}
+
 MeshData readMeshFile(const std::string& path) {
     std::error_code ec;
     if (!fs::is_regular_file(path, ec)) throw ToolError("the mesh " + path + " does not exist");
@@ -447,8 +468,7 @@ MeshData readMeshFile(const std::string& path) {
     if (std::FILE* f = std::fopen(path.c_str(), "rb")) {
         const size_t n = std::fread(magic, 1, 4, f);
         std::fclose(f);
-        if (n >= 4 && std::memcmp(magic, "ply", 3) == 0 && (magic[3] == '\n' || magic[3] == '\r'))
-            return readPly(path);
+        if (startsWithPlyMagic(magic, n)) return readPly(path);
     }
     std::string ext = fs::path(path).extension().string();
     for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));

@@ -35,6 +35,16 @@ MeshData readMeshFile(const std::string& path);
 MeshData readPly(const std::string& path);
 MeshData readObj(const std::string& path);
 
+// The same two readers over a file's bytes held in memory; `name` stands for
+// the file in messages (the path readers give the file's name). Throw
+// ToolError.
+MeshData parsePlyBytes(const std::string& bytes, const std::string& name);
+MeshData parseObjBytes(const std::string& bytes, const std::string& name);
+
+// True when the first bytes are the PLY magic line "ply" (ended by "\n" or
+// "\r"), the test readMeshFile makes on the first 4 bytes of a file.
+bool startsWithPlyMagic(const char* bytes, size_t size);
+
 // The tool's mesh record: float coordinates, int32 facets, per-vertex tables
 // sized as the PLY reader of the tool sizes them.
 TriMesh toTriMesh(const MeshData& mesh);
