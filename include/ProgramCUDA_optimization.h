@@ -5,6 +5,12 @@
 #include "ProgramCUDA.h"
 #include "RefinementSettings.h"
 
+// What a process does with a camera when several processes share a run
+// (RunContext::processes): a reference's pairs run here (its image as the
+// reference image, its render and weights), a target's image and render are
+// only read by those pairs, and an unused camera is not held at all.
+enum CameraRole : uint8_t { kCameraUnused = 0, kCameraTarget = 1, kCameraReference = 2 };
+
 // Moves the vertices of a mesh by `iterations` steps of gradient descent on
 // the windowed NCC of the camera pairs in pair_mask and on an umbrella
 // smoothness term, first order or second order, with `steps` (by default
@@ -32,6 +38,13 @@ struct MeshOptimizationArgs {
     bool first_order_smoothing = true;
     DescentSteps steps;
     int halfWindow = 2;  // NCC windows of (2 halfWindow + 1)^2 pixels, 1 to 16
+    // The share of this process when several share the run: a CameraRole
+    // per camera. Only the pairs of its references run here, and `images`
+    // holds just the images of the cameras it uses, in camera order. The
+    // iteration's sums, pair counts and mean depths are combined over the
+    // processes of the device's run context, so that every process moves the
+    // vertices alike. Null: every camera is a reference, as for one process.
+    const uint8_t* camera_roles = nullptr;
 };
 DeviceStatus Integrated_Mesh_Optimization_CUDA(const DeviceHandle& device, const MeshOptimizationArgs& args);
 

@@ -21,6 +21,11 @@ int printfRingInit(size_t bytes);
 int printfRingDisplay(FILE* stream, bool showThreadIds);
 void printfRingEnd();
 int printfRingCopy(void* destination, size_t bytes);
+// The ring of an entry point's bracket: brackets that overlap (calls on
+// several threads at once) share one ring, armed by the first to open and
+// ended by the last to close.
+int printfBracketOpen(size_t bytes);
+void printfBracketClose();
 }  // namespace tessaline::cpu
 
 namespace tessaline::cuda {
@@ -39,13 +44,13 @@ class PrintfRing {
         if constexpr (Backend::isCuda)
             (void)cuda::printfRingInit(printfring::kDefaultRingBytes);
         else
-            (void)cpu::printfRingInit(printfring::kDefaultRingBytes);
+            (void)cpu::printfBracketOpen(printfring::kDefaultRingBytes);
     }
     ~PrintfRing() {
         if constexpr (Backend::isCuda)
             cuda::printfRingEnd();
         else
-            cpu::printfRingEnd();
+            cpu::printfBracketClose();
     }
     PrintfRing(const PrintfRing&) = delete;
     PrintfRing& operator=(const PrintfRing&) = delete;

@@ -3,6 +3,7 @@
 // display code as the device ring.
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
 
 #include "printf/cuPrintf.h"
 #include "printf/cuPrintfDisplay.h"
@@ -29,6 +30,12 @@ namespace tessaline::cpu {
 namespace {
 
 printfring::HostRing g_cpuRing;
+// Calls of the CPU backend may run at the same time in one process (several
+// runs, or the processes of a shared run played by threads): the ring is
+// armed and ended under a lock, and the brackets of entry points that
+// overlap share one ring, armed by the first and ended by the last.
+std::mutex g_ringMutex;
+int g_openBrackets = 0;
 
 struct CpuRingMemory {
     void* allocate(unsigned bytes) { return std::aligned_alloc(size_t(printfring::kSlotBytes), bytes); }
@@ -51,23 +58,41 @@ struct CpuRingMemory {
 }  // namespace
 
 int printfRingInit(size_t bytes) {
+    std::lock_guard<std::mutex> lock(g_ringMutex);
     CpuRingMemory memory;
     return printfring::initRing(memory, g_cpuRing, bytes);
 }
 
 int printfRingDisplay(FILE* stream, bool showThreadIds) {
+    std::lock_guard<std::mutex> lock(g_ringMutex);
     CpuRingMemory memory;
     return printfring::displayRing(memory, g_cpuRing, stream, showThreadIds);
 }
 
 void printfRingEnd() {
+    std::lock_guard<std::mutex> lock(g_ringMutex);
     CpuRingMemory memory;
     printfring::endRing(memory, g_cpuRing);
 }
 
 int printfRingCopy(void* destination, size_t bytes) {
+    std::lock_guard<std::mutex> lock(g_ringMutex);
     CpuRingMemory memory;
     return printfring::copyRing(memory, g_cpuRing, destination, bytes);
+}
+
+int printfBracketOpen(size_t bytes) {
+    std::lock_guard<std::mutex> lock(g_ringMutex);
+    if (g_openBrackets++ > 0) return 0;
+    CpuRingMemory memory;
+    return printfring::initRing(memory, g_cpuRing, bytes);
+}
+
+void printfBracketClose() {
+    std::lock_guard<std::mutex> lock(g_ringMutex);
+    if (--g_openBrackets > 0) return;
+    CpuRingMemory memory;
+    printfring::endRing(memory, g_cpuRing);
 }
 
 }  // namespace tessaline::cpu

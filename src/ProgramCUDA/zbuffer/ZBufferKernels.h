@@ -219,11 +219,20 @@ struct FacetWork {
 
 // What a render leaves per pixel: the depth, the front-facing facet (-1
 // where the nearest facet faces away) and its weights b and c (-1.0 there).
+// A render without weight images (a camera whose pixels are only looked up
+// by depth and facet) leaves the weights out.
 struct RenderImages {
     ImageView<float> depth;
     ImageView<int> facet;
     ImageView<float> bary_b;
     ImageView<float> bary_c;
+
+    DEVICE_HOST_HOT void store(int e, float d, int f, float b, float c) const {
+        depth[e] = d;
+        facet[e] = f;
+        if (bary_b.data) bary_b[e] = b;
+        if (bary_c.data) bary_c[e] = c;
+    }
 };
 
 // First pass: the atomic minimum of (depth, facet) keys over the pixels a
@@ -285,10 +294,7 @@ struct Kernel_TriMesh_Image_ZBuffering_Store {
             [&](int x, int y, float depth, float b, float c) {
                 const int e = depth_keys.index(x - area.BU, y - area.BV);
                 if (depth_keys[e] != depthFacetKey(depth, facet)) return;
-                out.depth[e] = depth;
-                out.facet[e] = front ? facet : -1;
-                out.bary_b[e] = front ? b : -1.0f;
-                out.bary_c[e] = front ? c : -1.0f;
+                out.store(e, depth, front ? facet : -1, front ? b : -1.0f, front ? c : -1.0f);
             },
             id % lanes, lanes);
     }

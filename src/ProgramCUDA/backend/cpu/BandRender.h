@@ -35,10 +35,7 @@ inline void renderInBands(CpuBackend& be, const MeshGeometry& mesh, const mycame
                 const unsigned long long key = depthFacetKey(depth, id);
                 if (key > keys[e]) return;
                 keys[e] = key;
-                out.depth[e] = depth;
-                out.facet[e] = front ? id : -1;
-                out.bary_b[e] = front ? b : -1.0f;
-                out.bary_c[e] = front ? c : -1.0f;
+                out.store(int(e), depth, front ? id : -1, front ? b : -1.0f, front ? c : -1.0f);
             });
         }
     });
