@@ -50,6 +50,8 @@ DeviceSetup setupDevice(int deviceIndex, const RunContext& context = RunContext(
 DeviceHandle cpuDevice(const RunContext& context = RunContext());
 // True when the build has CUDA and at least one device answers.
 bool cudaDeviceAvailable();
+// The number of CUDA devices that answer (0 in a build without CUDA).
+int cudaDeviceCount();
 // CUDA device 0 (selected for this thread), when cudaDeviceAvailable().
 DeviceHandle cudaDevice(const RunContext& context = RunContext());
 // Free and total memory of the device, in megabytes.

@@ -50,3 +50,13 @@ int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>&
 bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
                              const std::vector<cv::Mat>& levelImages, int LU, int LV,
                              const FacetSelection& selection = FacetSelection(), int passes = 2);
+
+// The same from the sizes of the level's images, rendering only the cameras
+// whose `renderedHere` entry is true (all when it is empty). In a run shared
+// by several processes (the device's run context) each renders its own
+// cameras, and the per-facet counts of images are added up over all of them
+// before any facet is chosen, so that every process divides the same facets.
+// A render that failed on any process makes every one return false.
+bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
+                             const std::vector<cv::Size>& imageSizes, int LU, int LV, const FacetSelection& selection,
+                             int passes, const std::vector<bool>& renderedHere);

@@ -15,19 +15,22 @@ void buildLevelData(const SfmScene& scene, float scale, std::vector<mycamera>& c
         cameraList.push_back(camera);
 
         cv::Mat img;
-        cv::resize(scene.images[i], img, cv::Size(0, 0), scale, scale, cv::INTER_LINEAR);
+        if (!scene.images[i].empty()) cv::resize(scene.images[i], img, cv::Size(0, 0), scale, scale, cv::INTER_LINEAR);
         imgList.push_back(img);
     }
 }
 
 std::vector<unsigned char> stackLevelImages(const std::vector<cv::Mat>& imgList) {
-    if (imgList.empty()) return {};
-    const int width = imgList[0].cols, height = imgList[0].rows;
+    std::vector<const cv::Mat*> held;
+    for (const cv::Mat& img : imgList)
+        if (!img.empty()) held.push_back(&img);
+    if (held.empty()) return {};
+    const int width = held[0]->cols, height = held[0]->rows;
     const size_t imageBytes = size_t(width) * size_t(height);
-    std::vector<unsigned char> stack(imageBytes * imgList.size());
-    for (size_t i = 0; i < imgList.size(); ++i) {
+    std::vector<unsigned char> stack(imageBytes * held.size());
+    for (size_t i = 0; i < held.size(); ++i) {
         unsigned char* out = stack.data() + i * imageBytes;
-        const cv::Mat& img = imgList[i];
+        const cv::Mat& img = *held[i];
         if (img.isContinuous()) {
             std::memcpy(out, img.data, imageBytes);
             continue;
@@ -35,6 +38,10 @@ std::vector<unsigned char> stackLevelImages(const std::vector<cv::Mat>& imgList)
         for (int y = 0; y < height; ++y) std::memcpy(out + size_t(y) * width, img.ptr(y), size_t(width));
     }
     return stack;
+}
+
+cv::Size levelSize(cv::Size size, float scale) {
+    return cv::Size(cvRound(double(size.width) * double(scale)), cvRound(double(size.height) * double(scale)));
 }
 
 std::vector<mycamera_cuda> narrowCameras(const std::vector<mycamera>& cameraList) {

@@ -29,7 +29,9 @@ namespace {
 // The checks of the level's lists. They report as they always have; since
 // nothing after them can work on an empty list or on images of unequal
 // size, the level then ends and the run stops in order.
-bool levelListsUsable(const std::vector<mycamera>& cameraList, const std::vector<cv::Mat>& imgList) {
+// Only the images this process holds are looked at (all of them for one
+// process).
+bool levelListsUsable(const std::vector<mycamera>& cameraList, const std::vector<cv::Mat>& imgList, bool shared) {
     if (imgList.empty()) {
         std::cout << "Error: imgList.size() <= 0" << std::endl;
         return false;
@@ -39,26 +41,40 @@ bool levelListsUsable(const std::vector<mycamera>& cameraList, const std::vector
         std::cout << "Error: cameraList.size() != imgList.size()" << std::endl;
         usable = false;
     }
+    const cv::Mat* first = nullptr;
+    size_t held = 0;
     for (const cv::Mat& img : imgList) {
-        if (img.cols != imgList[0].cols || img.rows != imgList[0].rows) {
+        if (shared && img.empty()) continue;
+        if (!first) first = &img;
+        ++held;
+        if (img.cols != first->cols || img.rows != first->rows) {
             std::cout << "Error: current version does not support image with different size" << std::endl;
             usable = false;
         }
     }
     if (!usable) return false;
-    if ((long long)imgList.size() * imgList[0].cols * imgList[0].rows >= (long long)INT_MAX) {
+    if (!first) return true;  // this process holds no camera of the run
+    if ((long long)held * first->cols * first->rows >= (long long)INT_MAX) {
         std::cout << "Error: the images of this level hold more than 2^31 pixels together" << std::endl;
         return false;
     }
     return true;
 }
 
+// The size of the level's images: that of the first one with pixels.
+cv::Size levelImageSize(const std::vector<cv::Mat>& imgList) {
+    for (const cv::Mat& img : imgList)
+        if (!img.empty()) return img.size();
+    return imgList.empty() ? cv::Size() : imgList[0].size();
+}
+
 }  // namespace
 
 bool refineMeshAtLevel(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
                        const std::vector<cv::Mat>& imgList, const std::vector<std::vector<int>>& neighbourLists,
-                       const LevelSettings& level, const RefinementSettings& settings) {
-    if (!levelListsUsable(cameraList, imgList)) return false;
+                       const LevelSettings& level, const RefinementSettings& settings,
+                       const std::vector<uint8_t>& roles) {
+    if (!levelListsUsable(cameraList, imgList, !roles.empty())) return false;
     updateMeshConnectivity(mesh);
     FlatOneRings rings;
     if (!flattenOneRings(mesh, rings)) {
@@ -80,8 +96,9 @@ bool refineMeshAtLevel(TriMesh& mesh, const DeviceHandle& device, const std::vec
     args.valence_counts = rings.counts.data();
     args.valence_offsets = rings.offsets.data();
     args.num_cameras = num_cameras;
-    args.width = imgList[0].cols;
-    args.height = imgList[0].rows;
+    const cv::Size size = levelImageSize(imgList);
+    args.width = size.width;
+    args.height = size.height;
     args.cameras = cameras.data();
     args.images = image_stack.data();
     args.iterations = level.iterations;
@@ -89,5 +106,6 @@ bool refineMeshAtLevel(TriMesh& mesh, const DeviceHandle& device, const std::vec
     args.first_order_smoothing = level.first_order_smoothing;
     args.steps = settings.steps;
     args.halfWindow = settings.ncc_half_window;
+    args.camera_roles = roles.empty() ? nullptr : roles.data();
     return Integrated_Mesh_Optimization_CUDA(device, args) == DeviceStatus::Ok;
 }

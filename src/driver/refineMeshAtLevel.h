@@ -21,7 +21,11 @@ std::vector<unsigned char> buildPairMask(const std::vector<std::vector<int>>& ne
 // level, with the steps, window and pairs of `settings`, on `device`.
 // Returns false, having printed why, when the level's lists cannot be used
 // or the device did not complete the optimisation (the device module prints
-// that line itself; the vertices are then as it left them).
+// that line itself; the vertices are then as it left them). In a run shared
+// by several processes, `roles` gives this process's CameraRole of each
+// camera, and imgList holds pixels only for the cameras it holds; empty
+// `roles`: this process runs every camera.
 bool refineMeshAtLevel(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
                        const std::vector<cv::Mat>& imgList, const std::vector<std::vector<int>>& neighbourLists,
-                       const LevelSettings& level, const RefinementSettings& settings = RefinementSettings());
+                       const LevelSettings& level, const RefinementSettings& settings = RefinementSettings(),
+                       const std::vector<uint8_t>& roles = {});

@@ -1,5 +1,8 @@
 #include "runFlow.h"
 
+#include <sys/resource.h>
+#include <tbb/info.h>
+
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -17,6 +20,8 @@
 #include "levelData.h"
 #include "meshSubdivision.h"
 #include "plyIO.h"
+#include "processStart.h"
+#include "rankOutput.h"
 #include "refineMeshAtLevel.h"
 
 namespace {
@@ -24,10 +29,27 @@ namespace {
 // Each path is held as a C string of at most 1023 characters.
 constexpr size_t kMaxPathLength = 1023;
 
+// The sizes of a level's images: from the images where this process holds
+// them all, from the photographs' one size in a shared run.
+std::vector<cv::Size> levelSizes(const std::vector<cv::Mat>& imgList, const SceneShare* share, float scale) {
+    std::vector<cv::Size> sizes;
+    for (const cv::Mat& img : imgList)
+        sizes.push_back(share ? levelSize(share->photoSize, scale) : img.size());
+    return sizes;
+}
+
+// The cameras this process renders for the facet selection: its references.
+std::vector<bool> ownedCameras(const CameraShare& share) {
+    std::vector<bool> owned(share.owner.size());
+    for (size_t c = 0; c < owned.size(); ++c) owned[c] = share.owned(int(c));
+    return owned;
+}
+
 }  // namespace
 
 bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const DeviceHandle& device,
-               const RefinementSettings& settings) {
+               const RefinementSettings& settings, const SceneShare* share) {
+    if (share && !share->cameras.shared()) share = nullptr;  // one process holds everything
     std::vector<mycamera> cameraList;
     std::vector<cv::Mat> imgList;
     for (int level = 2; level >= 0; --level) {
@@ -35,12 +57,16 @@ bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const D
         for (int k = 0; k < level; ++k) scale *= 0.5f;
         buildLevelData(scene, scale, cameraList, imgList);
         const LevelSettings& levelSettings = settings.levels[level];
-        if (!subdivideMeshAdaptively(mesh, device, cameraList, imgList, imgList[0].cols, imgList[0].rows,
-                                     settings.selection, levelSettings.division_passes))
+        const std::vector<cv::Size> sizes = levelSizes(imgList, share, scale);
+        const std::vector<bool> rendered = share ? ownedCameras(share->cameras) : std::vector<bool>();
+        if (!subdivideMeshAdaptively(mesh, device, cameraList, sizes, sizes[0].width, sizes[0].height,
+                                     settings.selection, levelSettings.division_passes, rendered))
             return false;
         if (level < levelOfDetails) break;
         std::cout << "mesh refining at level " << level << std::endl;
-        if (!refineMeshAtLevel(mesh, device, cameraList, imgList, scene.neighbourLists, levelSettings, settings))
+        const std::vector<uint8_t> roles = share ? share->cameras.roles : std::vector<uint8_t>();
+        if (!refineMeshAtLevel(mesh, device, cameraList, imgList, scene.neighbourLists, levelSettings, settings,
+                               roles))
             return false;
     }
     return true;
@@ -48,84 +74,149 @@ bool runLevels(TriMesh& mesh, const SfmScene& scene, int levelOfDetails, const D
 
 namespace {
 
-int run(int argc, char** argv) {
-    // The running time is wall-clock time: on the CPU backend several threads
-    // work at once, and their summed processor time would overstate it.
-    const auto start = std::chrono::steady_clock::now();
+struct RunArguments {
+    std::string sfm, initialPly, refinedPly;
+    int deviceIndex = 0;
+    int levelOfDetails = 0;
+};
 
+// The command line, with its lines; false when it is refused.
+bool parseArguments(int argc, char** argv, RunArguments& args) {
     if (argc < 4) {
         std::cout << "Please specify the paths of SFM file, initial PLY file and output PLY file... exit" << std::endl;
-        return 0;
+        return false;
     }
     for (int k = 1; k <= 3; ++k) {
         if (std::strlen(argv[k]) > kMaxPathLength) {
             std::cout << "Error: argument " << k << " is longer than " << kMaxPathLength
                       << " characters; use a shorter path" << std::endl;
-            return 0;
+            return false;
         }
     }
-    const std::string PathSFM = argv[1], PathInitPLY = argv[2], PathRefinedPLY = argv[3];
-    std::cout << "PathSFM: " << PathSFM << std::endl;
-    std::cout << "PathInitPLY: " << PathInitPLY << std::endl;
-    std::cout << "PathRefinedPLY: " << PathRefinedPLY << std::endl;
-
-    int deviceIndex = 0;
-    int levelOfDetails = 0;
+    args.sfm = argv[1], args.initialPly = argv[2], args.refinedPly = argv[3];
+    std::cout << "PathSFM: " << args.sfm << std::endl;
+    std::cout << "PathInitPLY: " << args.initialPly << std::endl;
+    std::cout << "PathRefinedPLY: " << args.refinedPly << std::endl;
     if (argc > 4) {
-        deviceIndex = levelOfDetails = std::atoi(argv[4]);
-        if (levelOfDetails < 0 || levelOfDetails > 2) {
+        args.deviceIndex = args.levelOfDetails = std::atoi(argv[4]);
+        if (args.levelOfDetails < 0 || args.levelOfDetails > 2) {
             std::cout << "Level of Details should be 0, 1 or 2." << std::endl;
-            return 0;
+            return false;
         }
     }
-    std::cout << "CUDA_DEIVCE_INDEX " << deviceIndex << std::endl;
-    std::cout << "Level of Details " << levelOfDetails << std::endl;
+    std::cout << "CUDA_DEIVCE_INDEX " << args.deviceIndex << std::endl;
+    std::cout << "Level of Details " << args.levelOfDetails << std::endl;
     std::cout << std::endl;
+    return true;
+}
 
-    // The device chosen here runs every call of the run, under the context
-    // that the environment asks for.
+// The device of this process, under the context that the environment asks
+// for. The processes of a shared run on one machine take its CUDA devices
+// in turn, or share its cores.
+DeviceSetup startDevice(const RunArguments& args, const ProcessStart& processes) {
     std::vector<std::string> warnings;
-    const RunContext context = runContextFromEnvironment(warnings);
+    RunContext context = runContextFromEnvironment(warnings);
     for (const std::string& warning : warnings) std::cout << warning << std::endl;
+    context.processes = processes.group;
+    int deviceIndex = args.deviceIndex;
+    if (processes.group.distributed()) {
+        const int devices = cudaDeviceCount();
+        deviceIndex = devices > 0 ? processes.localRank % devices : 0;
+        if (context.threads == 0)
+            context.threads = std::max(1, tbb::info::default_concurrency() / std::max(1, processes.localSize));
+    }
     const DeviceSetup setup = setupDevice(deviceIndex, context);
     std::cout << "Setting up CUDA device" << std::endl;
     std::cout << setup.description << std::endl;
     std::cout << "Device memory total: " << setup.totalMB << "MB" << std::endl;
     std::cout << "Device memory aviable: " << setup.freeMB << "MB" << std::endl;
     std::cout << std::endl;
+    return setup;
+}
 
+// Whether every process got through a step. A process whose step failed
+// repeats its own error lines, naming its rank; `failedRanks` lists the
+// processes that failed of their own accord (rank 0 when no other says
+// why). One process: its own result.
+bool everyProcessSucceeded(const ProcessGroup& group, RankOutput& output, bool ok, std::string& failedRanks) {
+    failedRanks.clear();
+    if (!group.distributed()) return ok;
+    std::vector<uint64_t> own(size_t(group.size) + 1, 0);
+    own[size_t(group.rank)] = !ok && output.relayOwnErrors() ? 1 : 0;
+    own.back() = ok ? 0 : 1;
+    if (!group.sumIntegers(own.data(), own.size())) return false;
+    if (own.back() == 0) return true;
+    for (int r = 0; r < group.size; ++r)
+        if (own[size_t(r)]) failedRanks += (failedRanks.empty() ? "" : ", ") + std::to_string(r);
+    if (failedRanks.empty()) failedRanks = "0";
+    return false;
+}
+
+void printStop(const std::string& what, const std::string& failedRanks) {
+    std::cout << "Error: " << what << (failedRanks.empty() ? "" : " on rank " + failedRanks)
+              << "; nothing was written" << std::endl;
+}
+
+// Each process's peak memory, printed by the first with the profile.
+void printPeakMemory(const ProcessGroup& group) {
+    rusage usage{};
+    getrusage(RUSAGE_SELF, &usage);
+    std::vector<uint64_t> kib(size_t(group.size), 0);
+    kib[size_t(group.rank)] = uint64_t(usage.ru_maxrss);
+    if (group.distributed() && !group.sumIntegers(kib.data(), kib.size())) return;
+    std::cout << "Profile: peak memory per process (MiB):";
+    for (uint64_t k : kib) std::cout << " " << (k + 512) / 1024;
+    std::cout << std::endl;
+}
+
+int run(int argc, char** argv, const ProcessStart& processes, RankOutput& output) {
+    // The running time is wall-clock time: on the CPU backend several threads
+    // work at once, and their summed processor time would overstate it.
+    const auto start = std::chrono::steady_clock::now();
+    const ProcessGroup& group = processes.group;
+    RunArguments args;
+    if (!parseArguments(argc, argv, args)) return 0;
+    const DeviceSetup setup = startDevice(args, processes);
+
+    const RefinementSettings settings;
     SfmScene scene;
-    if (!loadSfmScene(scene, PathSFM) || scene.images.empty()) {
-        std::cout << "Error: the scene could not be loaded; nothing was written" << std::endl;
+    SceneShare share;
+    std::string failed;
+    const bool loaded = loadSceneShare(scene, args.sfm, settings, group, share);
+    if (!everyProcessSucceeded(group, output, loaded, failed) || !agreeOnPhotoSize(scene, group, share)) {
+        printStop("the scene could not be loaded", failed);
         return 0;
     }
+    if (group.distributed())
+        for (const std::string& line : describeShare(scene.neighbourLists, settings.pairs_per_camera, group.size))
+            std::cout << "Process split: " << line << std::endl;
     TriMesh mesh;
     std::cout << std::endl;
-    if (!loadPly(mesh, PathInitPLY)) {
-        std::cout << "Error: the initial mesh could not be loaded; nothing was written" << std::endl;
+    if (!everyProcessSucceeded(group, output, loadPly(mesh, args.initialPly), failed)) {
+        printStop("the initial mesh could not be loaded", failed);
         return 0;
     }
     std::cout << std::endl;
 
-    if (!runLevels(mesh, scene, levelOfDetails, setup.device)) {
-        std::cout << "Error: refinement stopped; nothing was written" << std::endl;
+    if (!everyProcessSucceeded(group, output, runLevels(mesh, scene, args.levelOfDetails, setup.device, settings, &share),
+                               failed)) {
+        printStop("refinement stopped", failed);
         return 0;
     }
-
+    if (setup.device.context.profile) printPeakMemory(group);
     const auto end = std::chrono::steady_clock::now();
     const long long seconds = std::chrono::duration_cast<std::chrono::seconds>(end - start).count();
     std::cout << "Tessaline_refine running time: " << seconds << "s" << std::endl;
-    savePly(mesh, PathRefinedPLY);
+    if (group.rank == 0) savePly(mesh, args.refinedPly);
     return 1;
 }
 
-}  // namespace
-
-int runTessalineRefine(int argc, char** argv) {
-    // The system's own code reports failures as lines; what the libraries
-    // throw is caught here so that a run always ends in order.
+// The run, with what the libraries throw caught, so that a run always ends
+// in order; in a shared run a process that meets an exception ends the
+// whole job, since the others cannot learn of it at their next sum.
+int guardedRun(int argc, char** argv, const ProcessStart& processes, RankOutput& output) {
     try {
-        return run(argc, argv);
+        return run(argc, argv, processes, output);
     } catch (const cv::Exception& e) {
         std::cout << "Error: image processing failed: " << e.what() << std::endl;
     } catch (const std::bad_alloc&) {
@@ -133,5 +224,16 @@ int runTessalineRefine(int argc, char** argv) {
     } catch (const std::exception& e) {
         std::cout << "Error: " << e.what() << std::endl;
     }
+    if (processes.group.distributed()) {
+        output.relayOwnErrors();
+        abortProcesses(0);
+    }
     return 0;
+}
+
+}  // namespace
+
+int runTessalineRefine(int argc, char** argv, const ProcessStart& processes) {
+    RankOutput output(processes.group.rank);
+    return guardedRun(argc, argv, processes, output);
 }

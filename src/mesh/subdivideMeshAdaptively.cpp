@@ -50,19 +50,16 @@ bool renderFacetMaps(const TriMesh& mesh, const DeviceHandle& device, const myca
     return TriMesh_Image_ZBuffering_CUDA(device, args) == DeviceStatus::Ok;
 }
 
-int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>& facet_images, int LU, int LV,
-                                std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count,
-                                const FacetSelection& selection) {
-    const int32_t num_f = std::max(mesh.num_f, 0);
-    // Bits cleared, view counts zero.
-    facet_divide_indicator.assign(size_t(num_f), false);
-    facet_view_count.assign(size_t(num_f), 0);
-    std::vector<int32_t> facet_pixel_count(size_t(num_f), 0);
+namespace {
 
-    // Each pixel of each image is read once. Facets of no pixel keep
-    // a count of 0; only those with pixels are looked at afterwards, so the
-    // cost per image is its pixels plus the facets it shows.
-    std::vector<int32_t> seen;
+// For each facet, the number of facet images in which it covers
+// selection.min_pixels or more pixels of the LU x LV area. Each pixel is
+// read once; facets of no pixel keep a count of 0, and only those with
+// pixels are looked at afterwards, so the cost per image is its pixels plus
+// the facets it shows.
+std::vector<int32_t> countFacetViews(int32_t num_f, const std::vector<cv::Mat>& facet_images, int LU, int LV,
+                                     const FacetSelection& selection) {
+    std::vector<int32_t> views(size_t(num_f), 0), pixels(size_t(num_f), 0), seen;
     for (const cv::Mat& image : facet_images) {
         const int rows = std::min(std::max(LV, 0), image.rows);
         const int cols = std::min(std::max(LU, 0), image.cols);
@@ -72,19 +69,27 @@ int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>&
             for (int x = 0; x < cols; ++x) {
                 const int32_t id = row[x];
                 if (id < 0 || id >= num_f) continue;
-                if (facet_pixel_count[size_t(id)]++ == 0) seen.push_back(id);
+                if (pixels[size_t(id)]++ == 0) seen.push_back(id);
             }
         }
         for (const int32_t f : seen) {
-            if (facet_pixel_count[size_t(f)] >= selection.min_pixels) facet_view_count[size_t(f)] += 1;
-            facet_pixel_count[size_t(f)] = 0;  // set to 0 before the next image
+            if (pixels[size_t(f)] >= selection.min_pixels) views[size_t(f)] += 1;
+            pixels[size_t(f)] = 0;  // set to 0 before the next image
         }
     }
+    return views;
+}
 
-    // No neighbour is looked at; no_divide on any vertex blocks.
+// Sets the bit of each facet seen in selection.min_images images or more
+// none of whose vertices has no_divide (no neighbour is looked at);
+// returns how many.
+int32_t chooseFacets(const TriMesh& mesh, const std::vector<int32_t>& views, const FacetSelection& selection,
+                     std::vector<bool>& facet_divide_indicator) {
+    const int32_t num_f = int32_t(views.size());
+    facet_divide_indicator.assign(size_t(num_f), false);
     int32_t selected = 0;
     for (int32_t f = 0; f < num_f; ++f) {
-        if (facet_view_count[size_t(f)] < selection.min_images) continue;
+        if (views[size_t(f)] < selection.min_images) continue;
         bool blocked = false;
         for (int k = 0; k < 3; ++k) {
             const int32_t v = mesh.facets[3 * size_t(f) + size_t(k)];
@@ -97,56 +102,79 @@ int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>&
     return selected;
 }
 
+// The view counts of the processes of a shared run added up (each renders
+// its own cameras), with a last entry that counts the processes whose
+// renders failed; true when the sums arrived and none failed. One process
+// adds nothing.
+bool addViewsOverProcesses(const ProcessGroup& group, std::vector<int32_t>& views, bool failedHere) {
+    if (!group.distributed()) return !failedHere;
+    std::vector<uint64_t> values(views.begin(), views.end());
+    values.push_back(failedHere ? 1 : 0);
+    if (!group.sumIntegers || !group.sumIntegers(values.data(), values.size())) return false;
+    for (size_t f = 0; f < views.size(); ++f) views[f] = int32_t(values[f]);
+    return values.back() == 0;
+}
+
+// The level's lists, checked in this order, each with its own line; the
+// messages name the Laplacian list, which the level's images stand for.
+// False when there is no image at all.
+bool checkLevelLists(size_t cameras, const std::vector<cv::Size>& sizes, int LU, int LV) {
+    if (sizes.empty()) {
+        std::cout << "Error: imgList.size() <= 0" << std::endl;
+        return false;
+    }
+    if (cameras != sizes.size()) std::cout << "Error: cameraList.size() != imgLaplaceList.size()" << std::endl;
+    const cv::Size first = sizes[0];
+    // One line per differing image, then carry on; every facet map still
+    // has LV rows and LU columns.
+    for (size_t i = 1; i < sizes.size(); ++i)
+        if (sizes[i] != first) std::cout << "Error: current version does not support image with different size" << std::endl;
+    if (first.height < 0 || first.width < 0 || LU < 0 || LV < 0 || LU > first.width || LV > first.height)
+        std::cout << "Error: ROI (BU, BV, LU, LV) do not fit the imgLaplace size" << std::endl;
+    return true;
+}
+
+}  // namespace
+
+int32_t selectFacetsForDivision(const TriMesh& mesh, const std::vector<cv::Mat>& facet_images, int LU, int LV,
+                                std::vector<bool>& facet_divide_indicator, std::vector<int32_t>& facet_view_count,
+                                const FacetSelection& selection) {
+    facet_view_count = countFacetViews(std::max(mesh.num_f, 0), facet_images, LU, LV, selection);
+    return chooseFacets(mesh, facet_view_count, selection, facet_divide_indicator);
+}
+
 bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
                              const std::vector<cv::Mat>& levelImages, int LU, int LV, const FacetSelection& selection,
                              int passes) {
-    // The level's images stand for their Laplacians, which have their number
-    // and sizes; the messages name the Laplacian list as they always have.
-    const std::vector<cv::Mat>& imgLaplaceList = levelImages;
-    // The checks of the lists, in this order, each with its own line.
-    if (imgLaplaceList.empty()) {
-        std::cout << "Error: imgList.size() <= 0" << std::endl;
-        // With no image there is no first image to take sizes from: the mesh
-        // stays untouched.
-        return true;
-    }
-    if (cameraList.size() != imgLaplaceList.size()) {
-        std::cout << "Error: cameraList.size() != imgLaplaceList.size()" << std::endl;
-    }
-    const cv::Mat& first = imgLaplaceList[0];
-    for (size_t i = 1; i < imgLaplaceList.size(); ++i) {
-        // One line per differing image, then carry on; every facet map still
-        // has LV rows and LU columns.
-        if (imgLaplaceList[i].rows != first.rows || imgLaplaceList[i].cols != first.cols) {
-            std::cout << "Error: current version does not support image with different size" << std::endl;
-        }
-    }
-    if (first.rows < 0 || first.cols < 0 || LU < 0 || LV < 0 || LU > first.cols || LV > first.rows) {
-        std::cout << "Error: ROI (BU, BV, LU, LV) do not fit the imgLaplace size" << std::endl;
-    }
-    // No pixel of an image takes part in the decision: the criterion is the
-    // facet's footprint alone.
+    std::vector<cv::Size> sizes;
+    for (const cv::Mat& image : levelImages) sizes.push_back(image.size());
+    return subdivideMeshAdaptively(mesh, device, cameraList, sizes, LU, LV, selection, passes, {});
+}
 
+bool subdivideMeshAdaptively(TriMesh& mesh, const DeviceHandle& device, const std::vector<mycamera>& cameraList,
+                             const std::vector<cv::Size>& imageSizes, int LU, int LV, const FacetSelection& selection,
+                             int passes, const std::vector<bool>& renderedHere) {
+    // With no image there is no first image to take sizes from: the mesh
+    // stays untouched.
+    if (!checkLevelLists(cameraList.size(), imageSizes, LU, LV)) return true;
     // When the two lists differ in length only the cameras that have an
     // image are rendered (the shorter of the two lists).
-    const size_t num_cameras = std::min(cameraList.size(), imgLaplaceList.size());
-
+    const size_t num_cameras = std::min(cameraList.size(), imageSizes.size());
     // The four image lists, sized once per call.
     std::vector<cv::Mat> depth_images(num_cameras), facet_images(num_cameras), bary_b_images(num_cameras),
         bary_c_images(num_cameras);
     std::vector<bool> facet_divide_indicator;
-    std::vector<int32_t> facet_view_count;
-
     for (int pass = 0; pass < passes; ++pass) {
-        // Render every camera into its images; a render the device did not
-        // complete ends the call before anything is selected from it.
-        for (size_t i = 0; i < num_cameras; ++i) {
-            if (!renderFacetMaps(mesh, device, cameraList[i], LU, LV, depth_images[i], facet_images[i],
-                                 bary_b_images[i], bary_c_images[i]))
-                return false;
-        }
-        const int32_t selected =
-            selectFacetsForDivision(mesh, facet_images, LU, LV, facet_divide_indicator, facet_view_count, selection);
+        // Render every camera of this process into its images; a render the
+        // device did not complete ends the call before anything is selected.
+        bool rendered = true;
+        for (size_t i = 0; i < num_cameras && rendered; ++i)
+            if (renderedHere.empty() || (i < renderedHere.size() && renderedHere[i]))
+                rendered = renderFacetMaps(mesh, device, cameraList[i], LU, LV, depth_images[i], facet_images[i],
+                                           bary_b_images[i], bary_c_images[i]);
+        std::vector<int32_t> views = countFacetViews(std::max(mesh.num_f, 0), facet_images, LU, LV, selection);
+        if (!addViewsOverProcesses(device.context.processes, views, !rendered)) return false;
+        const int32_t selected = chooseFacets(mesh, views, selection, facet_divide_indicator);
         if (mesh.num_f == 0 || selected == 0) {
             std::cout << "stop dividing" << std::endl;
             return true;

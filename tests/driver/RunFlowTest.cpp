@@ -16,7 +16,8 @@ struct RunResult {
 
 RunResult runTool(const std::vector<std::string>& args) {
     RunResult r;
-    r.status = scene_test::runMain(runTessalineRefine, "tessaline_refine", args, r.out);
+    r.status = scene_test::runMain([](int argc, char** argv) { return runTessalineRefine(argc, argv); },
+                                   "tessaline_refine", args, r.out);
     return r;
 }
 

@@ -44,6 +44,15 @@ DeviceHandle cpuDevice(const RunContext& context) { return DeviceHandle{DeviceBa
 
 DeviceHandle cudaDevice(const RunContext& context) { return DeviceHandle{DeviceBackend::Cuda, 0, context}; }
 
+int cudaDeviceCount() {
+#ifdef TESSALINE_CUDA_ENABLED
+    int count = 0;
+    return tessaline::cudart::deviceCount(count) ? count : 0;
+#else
+    return 0;
+#endif
+}
+
 bool cudaDeviceAvailable() {
 #ifdef TESSALINE_CUDA_ENABLED
     int count = 0;

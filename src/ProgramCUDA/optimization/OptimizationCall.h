@@ -205,10 +205,12 @@ struct MeshOptimizationCall {
     // cameras that see nothing the mean over those that do. False when a
     // process of the run failed on the way.
     bool meanDepthPass() {
-        const int cams = cameraCount();
+        // Every process of a shared run adds up the same number of values,
+        // whether or not it holds an image.
+        const int cams = std::max(a.num_cameras, 0);
         mean_depth.assign(cams, 0.0f);
         std::vector<bool> covered(cams, false);
-        for (int c = 0; c < cams && !be.failed; ++c) {
+        for (int c = 0; c < cameraCount() && !be.failed; ++c) {
             if (!cameras.reference(c)) continue;
             bool seen = false;
             mean_depth[size_t(c)] = meanDepthOf(c, seen);
@@ -237,9 +239,9 @@ struct MeshOptimizationCall {
     // of the cameras that others hold as references; each camera is a
     // reference of exactly one process.
     bool shareMeanDepths(std::vector<bool>& covered) {
-        const int cams = cameraCount();
+        const int cams = int(covered.size());
         std::vector<uint64_t> values(2 * size_t(cams), 0);
-        for (int c = 0; c < cams; ++c) {
+        for (int c = 0; c < cameraCount(); ++c) {
             if (!cameras.reference(c)) continue;
             values[2 * size_t(c)] = covered[size_t(c)] ? 1 : 0;
             values[2 * size_t(c) + 1] = floatBitsOf(mean_depth[size_t(c)]);
