@@ -16,6 +16,12 @@ Timing comes from the tool's own output as it streams: a level runs from the
 end of the previous one (or the end of loading) to the "After free" memory
 report that closes its refinement.
 
+With --ranks 1,2,4 each scene is refined by that many MPI processes
+(mpirun --oversubscribe), and the script prints per count the wall time,
+each process's peak memory, and whether the output equals the plain run's
+byte for byte; --threads sets the CPU threads of each process
+(TESSALINE_THREADS).
+
 With --profile the tool runs with TESSALINE_PROFILE=1: each level's
 optimisation call then reports the time of the whole call and of its
 iterations, and every kernel's time per iteration next to its floor (the
@@ -143,6 +149,42 @@ def refine(build, folder, sfm, initial, output, lod, env):
     return elapsed, peak, lines
 
 
+def refine_shared(build, folder, sfm, initial, output, lod, ranks, env):
+    """The tool under mpirun with `ranks` processes: (seconds, [peak MiB per process])."""
+    cmd = ["mpirun", "--oversubscribe", "-n", str(ranks)]
+    if os.geteuid() == 0:
+        cmd.append("--allow-run-as-root")
+    cmd += [os.path.join(build, "src/driver/tessaline_refine"), sfm, initial, output, lod]
+    elapsed, _, lines, rc = run_timed(cmd, folder, env)
+    if rc not in (0, 1) or not os.path.isfile(output):
+        print("\n".join(l for _, l in lines[-20:]), file=sys.stderr)
+        sys.exit(f"the tool failed under mpirun -n {ranks} on {folder}")
+    peaks = next(([float(v) for v in l.split(":")[1].split()] for _, l in lines
+                  if l.startswith("Peak memory per process")), [])
+    return elapsed, peaks
+
+
+def bench_ranks(build, args, env):
+    print(f"{'scene':8} {'ranks':>5} {'threads':>7} | {'total':>8} {'same bytes':>10} | peak MiB per process")
+    for name in args.scenes.split(","):
+        folder, sfm, initial, _ = prepare(build, name, os.path.abspath(os.path.join(args.out, name)))
+        plain = os.path.abspath(os.path.join(args.out, f"{name}-plain.ply"))
+        elapsed, peak, _ = refine(build, folder, sfm, initial, plain, args.lod, env)
+        with open(plain, "rb") as f:
+            plain_bytes = f.read()
+        print(f"{name:8} {'plain':>5} {args.threads or 'all':>7} | {elapsed:7.1f}s {'-':>10} | {peak:.0f}", flush=True)
+        for ranks in [int(r) for r in args.ranks.split(",")]:
+            output = os.path.abspath(os.path.join(args.out, f"{name}-{ranks}ranks.ply"))
+            if os.path.exists(output):
+                os.remove(output)
+            elapsed, peaks = refine_shared(build, folder, sfm, initial, output, args.lod, ranks, env)
+            with open(output, "rb") as f:
+                same = f.read() == plain_bytes
+            peak_text = " ".join(f"{p:.0f}" for p in peaks) if peaks else "(one process: see the plain run)"
+            print(f"{name:8} {ranks:5d} {args.threads or 'all':>7} | {elapsed:7.1f}s {str(same):>10} | {peak_text}",
+                  flush=True)
+
+
 def median(values):
     v = sorted(values)
     return v[len(v) // 2] if len(v) % 2 else 0.5 * (v[len(v) // 2 - 1] + v[len(v) // 2])
@@ -157,12 +199,19 @@ def main():
     ap.add_argument("--profile", action="store_true", help="time the optimisation per call and per kernel")
     ap.add_argument("--against", help="another build to time against, in turns with this one")
     ap.add_argument("--rounds", type=int, default=3, help="runs of each build with --against")
+    ap.add_argument("--ranks", help="comma-separated MPI process counts, e.g. 1,2,4")
+    ap.add_argument("--threads", type=int, help="CPU threads of each process (TESSALINE_THREADS)")
     args = ap.parse_args()
     env = dict(os.environ, TESSALINE_PROFILE="1") if args.profile else None
+    if args.threads:
+        env = dict(env or os.environ, TESSALINE_THREADS=str(args.threads))
     build = os.path.abspath(args.build)
     for name in args.scenes.split(","):
         if name not in SCENES:
             sys.exit(f"unknown scene {name}; the scenes are {', '.join(SCENES)}")
+
+    if args.ranks:
+        return bench_ranks(build, args, env)
 
     if args.against:
         other = os.path.abspath(args.against)

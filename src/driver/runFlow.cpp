@@ -157,14 +157,16 @@ void printStop(const std::string& what, const std::string& failedRanks) {
               << "; nothing was written" << std::endl;
 }
 
-// Each process's peak memory, printed by the first with the profile.
+// Each process's peak resident memory (host memory, which holds the
+// kernels' buffers on the CPU backend), printed by the first process of a
+// shared run, and with the profile.
 void printPeakMemory(const ProcessGroup& group) {
     rusage usage{};
     getrusage(RUSAGE_SELF, &usage);
     std::vector<uint64_t> kib(size_t(group.size), 0);
     kib[size_t(group.rank)] = uint64_t(usage.ru_maxrss);
     if (group.distributed() && !group.sumIntegers(kib.data(), kib.size())) return;
-    std::cout << "Profile: peak memory per process (MiB):";
+    std::cout << "Peak memory per process (MiB):";
     for (uint64_t k : kib) std::cout << " " << (k + 512) / 1024;
     std::cout << std::endl;
 }
@@ -203,7 +205,7 @@ int run(int argc, char** argv, const ProcessStart& processes, RankOutput& output
         printStop("refinement stopped", failed);
         return 0;
     }
-    if (setup.device.context.profile) printPeakMemory(group);
+    if (setup.device.context.profile || group.distributed()) printPeakMemory(group);
     const auto end = std::chrono::steady_clock::now();
     const long long seconds = std::chrono::duration_cast<std::chrono::seconds>(end - start).count();
     std::cout << "Tessaline_refine running time: " << seconds << "s" << std::endl;
