@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <exception>
 #include <iostream>
+#include <map>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -24,7 +25,13 @@ int runSynthCommand(int argc, char** argv) {
     app.add_option("--width", o.width, "Image width in pixels")->capture_default_str();
     app.add_option("--height", o.height, "Image height in pixels")->capture_default_str();
     app.add_option("--seed", o.seed, "Seed of the shape and texture")->capture_default_str();
-    app.add_option("--detail", o.detail, "Depth of the surface relief (0: smooth ellipsoid)")->capture_default_str();
+    const std::map<std::string, SynthForm> forms = {
+        {"blob", SynthForm::Blob}, {"box", SynthForm::Box}, {"cylinder", SynthForm::Cylinder}};
+    app.add_option("--shape", o.form,
+                   "Solid under the relief: blob (ellipsoid), box (sharp edges and corners) or cylinder (upright, "
+                   "flat caps, sharp rims); default blob")
+        ->transform(CLI::CheckedTransformer(forms));
+    app.add_option("--detail", o.detail, "Depth of the surface relief (0: smooth solid)")->capture_default_str();
     app.add_option("--rings", o.rings, "Camera rings: 1, or 2 at alternating elevations")->capture_default_str();
     app.add_option("--margin", o.marginPixels,
                    "Smallest distance of the object from the image border, in pixels "
@@ -35,6 +42,10 @@ int runSynthCommand(int argc, char** argv) {
     app.add_option("--initial-level", o.initialLevel, "Subdivision level of the initial mesh")->capture_default_str();
     app.add_option("--initial-offset", o.initialOffset,
                    "Mean outward offset of the initial mesh, as a fraction of the truth's diagonal")
+        ->capture_default_str();
+    app.add_option("--initial-noise", o.initialNoise,
+                   "Random displacement of each initial vertex along its direction from the centre, uniform up to "
+                   "this fraction of the truth's diagonal either way (0 to 0.05), drawn from the seed")
         ->capture_default_str();
     app.add_option("--supersample", o.supersample, "Rays per pixel along each axis")->capture_default_str();
     if (const auto status = cli::parse(app, argc, argv)) return *status;
@@ -56,7 +67,12 @@ int runSynthCommand(int argc, char** argv) {
         std::cout << line << "\n";
         std::snprintf(line, sizeof line, "  initial: %d vertices, %d facets, outward offset %.3g of the diagonal",
                       scene.initial.num_v, scene.initial.num_f, so.initialOffset);
-        std::cout << line << "\n";
+        std::cout << line;
+        if (so.initialNoise > 0.0) {
+            std::snprintf(line, sizeof line, ", noise up to %.3g", so.initialNoise);
+            std::cout << line;
+        }
+        std::cout << "\n";
         std::cout << "  object at least " << so.marginPixels << " pixels from the image border in every view\n";
         std::snprintf(line, sizeof line, "  generated in %.2f s", seconds);
         std::cout << line << std::endl;

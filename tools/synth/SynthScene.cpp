@@ -218,6 +218,7 @@ std::string checkSynthOptions(const SynthOptions& o) {
     if (o.truthLevel < 1 || o.truthLevel > 8) return "--truth-level must be between 1 and 8";
     if (o.initialLevel < 0 || o.initialLevel > 6) return "--initial-level must be between 0 and 6";
     if (!(o.initialOffset >= 0.0 && o.initialOffset <= 0.2)) return "--initial-offset must be between 0 and 0.2";
+    if (!(o.initialNoise >= 0.0 && o.initialNoise <= 0.05)) return "--initial-noise must be between 0 and 0.05";
     if (o.supersample < 1 || o.supersample > 8) return "--supersample must be between 1 and 8";
     return "";
 }
@@ -257,7 +258,7 @@ bool makeSynthScene(const SynthOptions& options, SynthScene& scene, std::string&
         scene.options.marginPixels = defaultMarginPixels(options.width, options.height);
     const SynthOptions& o = scene.options;
 
-    SynthShape shape = makeSynthShape(o.seed, o.detail);
+    SynthShape shape = makeSynthShape(o.seed, o.detail, o.form);
     makeIcosphere(scene.truth, o.truthLevel);
     displaceSphere(scene.truth, [&](const double d[3]) { return surfaceRadius(shape, d, SynthShape::kOctaves); });
     roundToFileDigits(scene.truth);
@@ -282,6 +283,7 @@ bool makeSynthScene(const SynthOptions& options, SynthScene& scene, std::string&
         const double wobble = gradientNoise(shape.inflation, 1.1 * d[0], 1.1 * d[1], 1.1 * d[2]);
         return surfaceRadius(shape, d, 1) + offset * (1.0 + 0.5 * std::clamp(wobble, -1.0, 1.0));
     });
+    if (o.initialNoise > 0.0) addRadialNoise(scene.initial, o.initialNoise * scene.truthDiagonal, o.seed);
     roundToFileDigits(scene.initial);
 
     double radius = 0.0;

@@ -3,9 +3,9 @@
 //
 // A scene is a closed, textured object centred near the origin, with world +z
 // as "up":
-//   - shape: an ellipsoid whose radius along each direction is modulated by
-//     several octaves of smooth gradient noise, so the surface carries relief
-//     at a few scales;
+//   - shape: an ellipsoid (or a box or a cylinder, with sharp edges) whose
+//     radius along each direction is modulated by several octaves of smooth
+//     gradient noise, so the surface carries relief at a few scales;
 //   - albedo: multi-octave noise plus a soft checker, defined on 3D points so
 //     that every view sees the same texture; the finest octave follows the
 //     pixel footprint, so there is contrast at every image level;
@@ -19,7 +19,8 @@
 //     with S x S supersampling per pixel;
 //   - initial mesh: a coarse sphere-topology mesh of the heavily smoothed
 //     truth (only its lowest relief octave), pushed outwards by a smooth,
-//     low-frequency offset, like a visual hull or a coarse reconstruction.
+//     low-frequency offset, like a visual hull or a coarse reconstruction;
+//     optionally with random per-vertex noise on top, like a noisy one.
 //
 // Everything is a deterministic function of SynthOptions.
 //
@@ -39,6 +40,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "SynthShape.h"
 #include "TriMesh.h"
 #include "mycamera.h"
 
@@ -49,8 +51,10 @@ struct SynthOptions {
     int width = 320;
     int height = 240;
     uint32_t seed = 1;
-    // Scale of the surface relief: 0 gives the smooth ellipsoid, 1 the
-    // default relief, larger values deeper relief.
+    // The solid under the relief (SynthShape.h).
+    SynthForm form = SynthForm::Blob;
+    // Scale of the surface relief: 0 gives the smooth solid, 1 the default
+    // relief, larger values deeper relief.
     double detail = 1.0;
     // 1: one ring at 25 degrees elevation; 2: rings at 40 and -10 degrees,
     // alternating, with the lower ring turned by half a step.
@@ -68,6 +72,10 @@ struct SynthOptions {
     // bounding-box diagonal; it varies smoothly between 0.5 and 1.5 times
     // this value over the surface.
     double initialOffset = 0.015;
+    // Random displacement of each initial vertex along its direction from
+    // the object's centre, uniform in [-noise, noise] times the truth's
+    // diagonal, drawn from the seed; 0 leaves the initial mesh smooth.
+    double initialNoise = 0.0;
     // Rays per pixel along each axis.
     int supersample = 2;
 };

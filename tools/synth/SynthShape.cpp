@@ -63,9 +63,10 @@ double gradientNoise(const NoiseField& field, double x, double y, double z) {
                 w);
 }
 
-SynthShape makeSynthShape(uint32_t seed, double detail) {
+SynthShape makeSynthShape(uint32_t seed, double detail, SynthForm form) {
     SplitMix rng(0x5EED0000ull ^ uint64_t(seed));
     SynthShape shape;
+    shape.form = form;
     shape.detail = detail;
     for (NoiseField& f : shape.relief) f = makeNoiseField(rng);
     shape.inflation = makeNoiseField(rng);
@@ -73,16 +74,30 @@ SynthShape makeSynthShape(uint32_t seed, double detail) {
     return shape;
 }
 
-double surfaceRadius(const SynthShape& shape, const double d[3], int octaves) {
+double baseRadius(const SynthShape& shape, const double d[3]) {
+    double s[3];
+    for (int a = 0; a < 3; ++a) s[a] = d[a] / shape.semiAxes[a];
+    switch (shape.form) {
+        case SynthForm::Box:
+            return 1.0 / std::max({std::abs(s[0]), std::abs(s[1]), std::abs(s[2])});
+        case SynthForm::Cylinder:
+            return 1.0 / std::max(std::sqrt(s[0] * s[0] + s[1] * s[1]), std::abs(s[2]));
+        case SynthForm::Blob:
+            break;
+    }
     double q = 0.0;
-    for (int a = 0; a < 3; ++a) q += (d[a] / shape.semiAxes[a]) * (d[a] / shape.semiAxes[a]);
-    const double ellipsoid = 1.0 / std::sqrt(q);
+    for (int a = 0; a < 3; ++a) q += s[a] * s[a];
+    return 1.0 / std::sqrt(q);
+}
+
+double surfaceRadius(const SynthShape& shape, const double d[3], int octaves) {
+    const double base = baseRadius(shape, d);
     double relief = 0.0;
     for (int k = 0; k < std::min(octaves, SynthShape::kOctaves); ++k) {
         const double f = SynthShape::kFrequency[k];
         relief += SynthShape::kAmplitude[k] * gradientNoise(shape.relief[k], f * d[0], f * d[1], f * d[2]);
     }
-    return ellipsoid * (1.0 + shape.detail * relief);
+    return base * (1.0 + shape.detail * relief);
 }
 
 double surfaceAlbedo(const SynthShape& shape, const double p[3]) {
@@ -158,6 +173,17 @@ void makeIcosphere(TriMesh& mesh, int level) {
     // The same per-vertex tables as a mesh read from a file.
     mesh.vertex_attributes.assign(3 * size_t(mesh.num_v), 0);
     mesh.vertex_records.assign(size_t(mesh.num_v), VertexRecord{});
+}
+
+void addRadialNoise(TriMesh& mesh, double amplitude, uint32_t seed) {
+    SplitMix rng(0x0A15E000ull ^ uint64_t(seed));
+    for (size_t i = 0; i < mesh.vertices.size(); i += 3) {
+        float* v = &mesh.vertices[i];
+        const double r = std::sqrt(double(v[0]) * v[0] + double(v[1]) * v[1] + double(v[2]) * v[2]);
+        const double shift = amplitude * (2.0 * rng.uniform() - 1.0);
+        if (r > 0.0)
+            for (int a = 0; a < 3; ++a) v[a] = float(v[a] * ((r + shift) / r));
+    }
 }
 
 std::vector<double> vertexNormals(const TriMesh& mesh) {

@@ -29,7 +29,15 @@ struct NoiseField {
 NoiseField makeNoiseField(SplitMix& rng);
 double gradientNoise(const NoiseField& field, double x, double y, double z);
 
+// The base solid under the relief. Blob: an ellipsoid, smooth everywhere.
+// Box: a box whose half sides are the semi-axes, with sharp edges and
+// corners. Cylinder: an upright elliptic cylinder (axis z) with flat caps and
+// sharp rims. All three are star-shaped about the origin, so each is a
+// radius per direction.
+enum class SynthForm { Blob, Box, Cylinder };
+
 struct SynthShape {
+    SynthForm form = SynthForm::Blob;
     // Wider than high: seen from the rings, the object then fills a 4:3 frame.
     double semiAxes[3] = {1.0, 0.9, 0.6};
     double detail = 1.0;
@@ -42,7 +50,11 @@ struct SynthShape {
     NoiseField albedo[7];
     double finestAlbedoFrequency = 32.0;  // set from the pixel footprint
 };
-SynthShape makeSynthShape(uint32_t seed, double detail);
+SynthShape makeSynthShape(uint32_t seed, double detail, SynthForm form = SynthForm::Blob);
+
+// Distance from the origin to the base solid (no relief) along the unit
+// direction d.
+double baseRadius(const SynthShape& shape, const double d[3]);
 
 // Distance from the origin to the surface along the unit direction d, with
 // the relief octaves 0 .. octaves-1 (SynthShape::kOctaves for the truth).
@@ -65,6 +77,12 @@ void displaceSphere(TriMesh& mesh, RadiusFn radius) {
         for (int a = 0; a < 3; ++a) mesh.vertices[3 * i + a] = float(d[a] * r);
     }
 }
+
+// Moves every vertex along its direction from the origin by an amount drawn
+// uniformly from [-amplitude, amplitude], independently per vertex, from a
+// generator seeded with `seed` (a stream of its own, so the shape and texture
+// of a seed do not change). Vertices at the origin stay.
+void addRadialNoise(TriMesh& mesh, double amplitude, uint32_t seed);
 
 // Area-weighted vertex normals, unit length, 3 per vertex.
 std::vector<double> vertexNormals(const TriMesh& mesh);
