@@ -1,11 +1,17 @@
 #!/usr/bin/env python3
 """Benchmark: generates scenes of growing size (and takes the real temple),
 refines each with the tool, and prints per scene the time of each level, the
-total time, the peak memory, and accuracy and completeness of the initial
-and refined meshes against the ground truth (the temple has none).
+total time, the peak memory, accuracy and completeness of the initial and
+refined meshes against the ground truth (the temple has none), and their
+photo-consistency with the photographs (tessaline_photoconsistency: mean
+NCC over the pixels seen by both cameras of the refinement's pairs).
 
     scripts/benchmark.py [--build build] [--out out/bench] [--scenes small,medium,large,temple]
-                         [--profile] [--against OTHER_BUILD --rounds N]
+                         [--presets reference,quality] [--profile] [--against OTHER_BUILD --rounds N]
+
+With --presets every scene is refined with each preset named (default:
+reference alone), and for two or more the script adds per scene the ratio of
+each preset's accuracy, photo-consistency and time to the first one's.
 
 With --against, every scene is refined --rounds times by each build in
 turn (this build, the other, this build, ...), so that both see the same
@@ -70,6 +76,24 @@ def run_timed(cmd, cwd, env=None):
     return elapsed, usage.ru_maxrss / 1024.0, lines, proc.returncode
 
 
+PRESETS = ("reference", "quality")
+
+
+def preset_env(preset, env):
+    """The tool's environment for a preset: the one place that selects it."""
+    env = dict(env if env is not None else os.environ)
+    env.pop("TESSALINE_PRESET", None)
+    if preset != "reference":
+        env["TESSALINE_PRESET"] = preset
+    return env
+
+
+def photoconsistency(build, scene_file, mesh):
+    out = subprocess.run([os.path.join(build, "tools/photoconsistency/tessaline_photoconsistency"), scene_file, mesh,
+                          "--json"], capture_output=True, text=True, check=True).stdout
+    return json.loads(out.strip().splitlines()[-1])
+
+
 def compare(build, truth, mesh):
     out = subprocess.run([os.path.join(build, "tools/compare/tessaline_compare"), truth, mesh, "--json"],
                          capture_output=True, text=True, check=True).stdout
@@ -106,7 +130,7 @@ def print_profiles(rows):
     print()
     print(f"{'scene':8} {'level':>5} | {'call':>8} {'iterations':>10} {'count':>5} {'launches/iter':>13} "
           f"{'ms/iter':>9} {'floor ms/iter':>13} {'over floor':>10}")
-    for name, *_, blocks in rows:
+    for name, blocks in rows:
         for level, b in zip((2, 1, 0), blocks):
             kernels = [k for k in b["kernels"] if k[0] != "all kernels"]
             floor = sum(k[4] for k in kernels)
@@ -185,6 +209,40 @@ def bench_ranks(build, args, env):
                   flush=True)
 
 
+def ncc_text(pc):
+    return f"{pc['mean_ncc']:.4f}" if pc["mean_ncc"] is not None else "none"
+
+
+def print_results(rows, presets):
+    print(f"{'scene':8} {'views':>5} {'size':>9} {'preset':>9} | {'level 2':>8} {'level 1':>8} {'level 0':>8} "
+          f"{'total':>8} {'peak MiB':>9} | {'acc before':>10} {'acc after':>10} {'comp before':>11} "
+          f"{'comp after':>10} | {'NCC before':>10} {'NCC after':>9} {'pixels after':>12}")
+    for r in rows:
+        p, b, a = SCENES[r["name"]], r["before"], r["after"]
+        lt = r["levels"] + [float("nan")] * (3 - len(r["levels"]))
+        figures = (f"{b['accuracy_mean_rel']:10.5f} {a['accuracy_mean_rel']:10.5f} "
+                   f"{b['completeness_mean_rel']:11.5f} {a['completeness_mean_rel']:10.5f}") if b else \
+            f"{'(no ground truth)':>45}"
+        print(f"{r['name']:8} {p['views']:5d} {p['width']:4d}x{p['height']:<4d} {r['preset']:>9} | "
+              f"{lt[0]:7.1f}s {lt[1]:7.1f}s {lt[2]:7.1f}s {r['elapsed']:7.1f}s {r['peak']:9.0f} | {figures} | "
+              f"{ncc_text(r['ncc'][0]):>10} {ncc_text(r['ncc'][1]):>9} {r['ncc'][1]['valid_pixels']:12d}")
+    print("accuracy/completeness: mean distance as a fraction of the ground truth's bounding-box diagonal; "
+          "NCC: photo-consistency, mean over the pixels counted")
+    if len(presets) > 1:
+        print(f"\n{'scene':8} {'preset':>9} | {'accuracy gain':>13} {'NCC change':>10} {'time ratio':>10}"
+              f"   (against {presets[0]}; gain = its accuracy / this one's)")
+        for r in rows:
+            first = next(q for q in rows if q["name"] == r["name"] and q["preset"] == presets[0])
+            if r is first:
+                continue
+            gain = (first["after"]["accuracy_mean_rel"] / r["after"]["accuracy_mean_rel"]) if r["after"] else None
+            change = ((r["ncc"][1]["mean_ncc"] or 0.0) - (first["ncc"][1]["mean_ncc"] or 0.0))
+            gain_text = f"{gain:12.2f}x" if gain else f"{'-':>13}"
+            print(f"{r['name']:8} {r['preset']:>9} | {gain_text} {change:+10.4f} "
+                  f"{r['elapsed'] / first['elapsed']:9.2f}x")
+    print(rows[0]["backend"] if rows else "")
+
+
 def median(values):
     v = sorted(values)
     return v[len(v) // 2] if len(v) % 2 else 0.5 * (v[len(v) // 2 - 1] + v[len(v) // 2])
@@ -196,6 +254,7 @@ def main():
     ap.add_argument("--out", default="out/bench")
     ap.add_argument("--scenes", default="small,medium,large,temple")
     ap.add_argument("--lod", default="0", help="level of detail passed to the tool")
+    ap.add_argument("--presets", default="reference", help="presets to refine each scene with, comma separated")
     ap.add_argument("--profile", action="store_true", help="time the optimisation per call and per kernel")
     ap.add_argument("--against", help="another build to time against, in turns with this one")
     ap.add_argument("--rounds", type=int, default=3, help="runs of each build with --against")
@@ -209,6 +268,10 @@ def main():
     for name in args.scenes.split(","):
         if name not in SCENES:
             sys.exit(f"unknown scene {name}; the scenes are {', '.join(SCENES)}")
+    presets = args.presets.split(",")
+    for preset in presets:
+        if preset not in PRESETS:
+            sys.exit(f"unknown preset {preset}; the presets are {', '.join(PRESETS)}")
 
     if args.ranks:
         return bench_ranks(build, args, env)
@@ -230,30 +293,22 @@ def main():
 
     rows = []
     for name in args.scenes.split(","):
-        p = SCENES[name]
         folder, sfm, initial, truth = prepare(build, name, os.path.abspath(os.path.join(args.out, name)))
-        output = os.path.abspath(os.path.join(args.out, f"{name}-refined.ply"))
-        elapsed, peak, lines = refine(build, folder, sfm, initial, output, args.lod, env)
-        before = after = None
-        if truth:
-            before = compare(build, truth, os.path.join(folder, initial))
-            after = compare(build, truth, output)
-        backend = next((l for _, l in lines if l.startswith("Device backend")), "?")
-        rows.append((name, p, level_times(lines), elapsed, peak, before, after, backend, profiles(lines)))
-
-    print(f"{'scene':8} {'views':>5} {'size':>9} | {'level 2':>8} {'level 1':>8} {'level 0':>8} {'total':>8} "
-          f"{'peak MiB':>9} | {'acc before':>10} {'acc after':>10} {'comp before':>11} {'comp after':>10}")
-    for name, p, lt, el, peak, b, a, backend, _ in rows:
-        lt = lt + [float("nan")] * (3 - len(lt))
-        figures = (f"{b['accuracy_mean_rel']:10.5f} {a['accuracy_mean_rel']:10.5f} "
-                   f"{b['completeness_mean_rel']:11.5f} {a['completeness_mean_rel']:10.5f}") if b else \
-            f"{'(no ground truth)':>45}"
-        print(f"{name:8} {p['views']:5d} {p['width']:4d}x{p['height']:<4d} | "
-              f"{lt[0]:7.1f}s {lt[1]:7.1f}s {lt[2]:7.1f}s {el:7.1f}s {peak:9.0f} | {figures}")
-    print("accuracy/completeness: mean distance as a fraction of the ground truth's bounding-box diagonal")
-    print(rows[0][7] if rows else "")
+        before = compare(build, truth, os.path.join(folder, initial)) if truth else None
+        ncc_before = photoconsistency(build, os.path.join(folder, sfm), os.path.join(folder, initial))
+        for preset in presets:
+            output = os.path.abspath(os.path.join(args.out, f"{name}-{preset}-refined.ply"))
+            elapsed, peak, lines = refine(build, folder, sfm, initial, output, args.lod, preset_env(preset, env))
+            after = compare(build, truth, output) if truth else None
+            ncc_after = photoconsistency(build, os.path.join(folder, sfm), output)
+            backend = next((l for _, l in lines if l.startswith("Device backend")), "?")
+            rows.append(dict(name=name, preset=preset, levels=level_times(lines), elapsed=elapsed, peak=peak,
+                             before=before, after=after, ncc=(ncc_before, ncc_after), backend=backend,
+                             profiles=profiles(lines)))
+    print_results(rows, presets)
     if args.profile:
-        print_profiles(rows)
+        print_profiles([(r["name"] if len(presets) == 1 else f"{r['name']}/{r['preset'][0]}", r["profiles"])
+                        for r in rows])
 
 
 if __name__ == "__main__":

@@ -36,12 +36,12 @@ if ! grep -q "Enabling CUDA support" <<<"$configure"; then
   exit 1
 fi
 cmake --build "$build" -j"$(nproc)" --target tessaline_refine tessaline_synth tessaline_compare \
-  device_tests mesh_tests driver_tests endtoend_tests
+  tessaline_photoconsistency device_tests mesh_tests driver_tests endtoend_tests
 
 stage=$(mktemp -d)
 trap 'rm -rf "$stage"' EXIT
 programs=(src/driver/tessaline_refine tools/synth/tessaline_synth tools/compare/tessaline_compare
-          tests/device_tests tests/mesh_tests tests/driver_tests tests/endtoend_tests)
+          tools/photoconsistency/tessaline_photoconsistency tests/device_tests tests/mesh_tests tests/driver_tests tests/endtoend_tests)
 for p in "${programs[@]}"; do
   install -D "$build/$p" "$stage/build/$p"
 done

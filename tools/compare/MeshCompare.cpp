@@ -16,6 +16,8 @@
 #include <CGAL/AABB_triangle_primitive.h>
 #include <CGAL/Simple_cartesian.h>
 
+#include "JsonText.h"
+
 namespace tessaline::compare {
 
 namespace {
@@ -174,33 +176,8 @@ std::string comparisonTable(const MeshComparison& r) {
     return out.str();
 }
 
-namespace {
-
-std::string jsonString(const std::string& s) {
-    std::string out = "\"";
-    for (const unsigned char c : s) {
-        if (c == '"' || c == '\\') {
-            out += '\\';
-            out += char(c);
-        } else if (c < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", c);
-            out += escape;
-        } else {
-            out += char(c);
-        }
-    }
-    return out + "\"";
-}
-
-std::string jsonNumber(double x) {
-    if (!std::isfinite(x)) return "null";
-    char text[32];
-    std::snprintf(text, sizeof text, "%.9g", x);
-    return text;
-}
-
-}  // namespace
+using cli::jsonNumber;
+using cli::jsonString;
 
 std::string comparisonJson(const MeshComparison& r, const std::string& referencePath, const std::string& testPath) {
     const double d = r.diagonal > 0.0 ? r.diagonal : 1.0;
