@@ -6,6 +6,8 @@
 #include <sstream>
 
 #include "JsonText.h"
+#include "ProgramCUDA_library.h"
+#include "ProgramCUDA_optimization.h"
 #include "meshSubdivision.h"
 
 namespace tessaline::photo {

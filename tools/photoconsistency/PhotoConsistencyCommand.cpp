@@ -84,7 +84,7 @@ int runPhotoConsistencyCommand(int argc, char** argv) {
             return cli::fail("cannot read the scene " + scenePath);
         TriMesh mesh;
         if (!loadPly(mesh, meshPath)) return cli::fail("cannot read the mesh " + meshPath);
-        const DeviceSetup setup = setupDevice(0);
+        const DeviceSetup setup = setupDevice(0, tessaline::cli::runContext());
         PhotoConsistency result;
         std::string error;
         if (!measurePhotoConsistency(setup.device, scene, mesh, neighbours, result, error)) return cli::fail(error);
