@@ -43,4 +43,9 @@ struct RunContext {
     int threads = 0;       // threads of the CPU backend; 0: every core the process may use
     bool cpuOnly = false;  // run the kernels on the CPU even where a CUDA device answers
     ProcessGroup processes;
+    // Called after each iteration of an optimisation call with the
+    // iterations done and the call's total, on the calling thread; false
+    // stops the call there (it then fails, and leaves the vertices as they
+    // came). For progress reports and interruption; unset: nothing is called.
+    std::function<bool(long long done, long long total)> onIteration;
 };

@@ -123,6 +123,28 @@ TEST_P(MeshOptimization, TakesItsStepsAndWindowFromTheArguments) {
     }
 }
 
+TEST_P(MeshOptimization, ReportsEachIterationAndStopsWhenAskedTo) {
+    const PlaneScene scene(3, 0.03);
+    const std::vector<uint8_t> pairs(9, 1);
+    DeviceHandle d = device();
+    std::vector<long long> seen;
+    d.context.onIteration = [&](long long done, long long total) {
+        seen.push_back(done * 100 + total);
+        return done < 2;  // stop after the second
+    };
+    std::vector<float> v = scene.mesh.vertices;
+    DeviceStatus status = DeviceStatus::Ok;
+    const std::string out = printedBy([&] { status = Integrated_Mesh_Optimization_CUDA(d, optimizationArgs(scene, v, pairs, 4, true)); });
+    EXPECT_EQ(status, DeviceStatus::Failed);
+    EXPECT_EQ(seen, (std::vector<long long>{104, 204}));
+    EXPECT_EQ(v, scene.mesh.vertices) << "a stopped call leaves the vertices as they came";
+    EXPECT_NE(out.find("Error: Integrated_Mesh_Optimization_CUDA: stopped on request; stopped after 2 of 4 iterations"),
+              std::string::npos)
+        << out;
+    d.context.onIteration = [&](long long, long long) { return true; };
+    EXPECT_EQ(optimise(d, scene, pairs, 4, true), optimise(device(), scene, pairs, 4, true)) << "a hook changes nothing";
+}
+
 TEST_P(MeshOptimization, PrintsMemoryReportsAndAnOverwritingCounter) {
     const PlaneScene scene(2, 0.03, 0.02f);
     std::string out;

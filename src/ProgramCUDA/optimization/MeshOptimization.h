@@ -90,6 +90,7 @@ inline bool argumentsPass(const MeshOptimizationArgs& a) {
 struct IterationsRun {
     long long done = 0;
     bool groupFailed = false;
+    bool stoppedOnRequest = false;  // the run context's onIteration said stop
     double seconds = 0.0;
 };
 
@@ -116,6 +117,11 @@ IterationsRun runIterations(Backend& be, MeshOptimizationCall<Backend>& call, co
         replay.run([&] { joined = call.iteration(); });
         run.groupFailed = !joined;
         if (joined) run.done = it;
+        const auto& onIteration = be.device().context.onIteration;
+        if (joined && !be.failed && onIteration && !onIteration(it, a.iterations)) {
+            run.stoppedOnRequest = true;
+            break;
+        }
     }
     if (be.profiling()) be.synchronize();
     run.seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -128,8 +134,9 @@ DeviceStatus optimizationStatus(const Backend& be, const IterationsRun& run, con
     const std::string stopped = "stopped after " + std::to_string(run.done) + " of " +
                                 std::to_string(a.iterations > 0 ? a.iterations : 0) +
                                 " iterations; vertices left unchanged";
-    if (!be.failed && run.groupFailed) {
-        std::printf("Error: Integrated_Mesh_Optimization_CUDA: a process of the run failed; %s\n", stopped.c_str());
+    if (!be.failed && (run.groupFailed || run.stoppedOnRequest)) {
+        std::printf("Error: Integrated_Mesh_Optimization_CUDA: %s; %s\n",
+                    run.groupFailed ? "a process of the run failed" : "stopped on request", stopped.c_str());
         std::fflush(stdout);
         return DeviceStatus::Failed;
     }
@@ -166,7 +173,7 @@ DeviceStatus meshOptimizationEntry(Backend& be, const MeshOptimizationArgs& a) {
         // The caller's vertices change only when the whole call succeeded.
         std::vector<float> result(3 * size_t(a.num_v));
         call.d_vertices.download(result.data());
-        if (!be.failed && !run.groupFailed)
+        if (!be.failed && !run.groupFailed && !run.stoppedOnRequest)
             std::copy(result.begin(), result.end(), a.vertices);
         else if (run.done > 0)
             std::cout << "\n";
