@@ -42,11 +42,9 @@ bool levelListsUsable(const std::vector<mycamera>& cameraList, const std::vector
         usable = false;
     }
     const cv::Mat* first = nullptr;
-    size_t held = 0;
     for (const cv::Mat& img : imgList) {
         if (shared && img.empty()) continue;
         if (!first) first = &img;
-        ++held;
         if (img.cols != first->cols || img.rows != first->rows) {
             std::cout << "Error: current version does not support image with different size" << std::endl;
             usable = false;
@@ -54,7 +52,9 @@ bool levelListsUsable(const std::vector<mycamera>& cameraList, const std::vector
     }
     if (!usable) return false;
     if (!first) return true;  // this process holds no camera of the run
-    if ((long long)held * first->cols * first->rows >= (long long)INT_MAX) {
+    // Counted over every camera, held or not, so that all processes of a
+    // shared run decide alike.
+    if ((long long)imgList.size() * first->cols * first->rows >= (long long)INT_MAX) {
         std::cout << "Error: the images of this level hold more than 2^31 pixels together" << std::endl;
         return false;
     }
