@@ -6,3 +6,4 @@ cd "$(dirname "$0")/.."
 cmake --build build -j"$(nproc)"
 cd build
 ctest --output-on-failure -j"$(nproc)"
+../scripts/fuzz.sh --seconds 45  # then every reader fuzzed a short while
