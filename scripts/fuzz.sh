@@ -55,10 +55,11 @@ build_targets() {  # build folder, instrumentation
   local dir=$1 instrument=$2 cc cxx
   cc=$(find_tool clang) && cxx=$(find_tool clang++) || exit 1
   if [ ! -f "$dir/CMakeCache.txt" ]; then
+    mkdir -p "$dir"
     cmake -S . -B "$dir" -DCMAKE_C_COMPILER="$cc" -DCMAKE_CXX_COMPILER="$cxx" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
       -DTESSALINE_WITH_CUDA=OFF -DTESSALINE_BUILD_TESTS=OFF -DTESSALINE_FUZZ=ON \
-      -DTESSALINE_FUZZ_INSTRUMENT="$instrument" >"$dir.configure.log" 2>&1 ||
-      { cat "$dir.configure.log"; exit 1; }
+      -DTESSALINE_FUZZ_INSTRUMENT="$instrument" >"$dir/configure.log" 2>&1 ||
+      { cat "$dir/configure.log"; exit 1; }
   fi
   nice -n 10 cmake --build "$dir" -j"$(nproc)" --target "${targets[@]/#/fuzz_}"
 }

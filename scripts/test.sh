@@ -7,3 +7,4 @@ cmake --build build -j"$(nproc)"
 ./scripts/python_tools.sh
 cd build
 ctest --output-on-failure -j"$(nproc)"
+../scripts/fuzz.sh --seconds 45  # then every reader fuzzed a short while
