@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-packages=(build-essential cmake pkg-config libopencv-dev libgtest-dev libcli11-dev libcgal-dev libtbb-dev
+packages=(build-essential cmake pkg-config libopencv-dev libgtest-dev libcli11-dev libcgal-dev libtbb-dev libtinygltf-dev
           clang-14 libclang-rt-14-dev llvm-14 libopenmpi-dev openmpi-bin python3-venv)
 missing=()
 for p in "${packages[@]}"; do

@@ -1,0 +1,129 @@
+#include "MemoryCheck.h"
+
+#include <tbb/info.h>
+
+#include <algorithm>
+#include <cmath>
+#include <iostream>
+#include <sstream>
+
+#include "SceneInput.h"
+
+namespace tessaline::frontend {
+
+namespace {
+
+using memory::ImageSize;
+using memory::RunShape;
+
+constexpr double kMiB = 1024.0 * 1024.0;
+
+long long mib(uint64_t bytes) { return std::llround(double(bytes) / kMiB); }
+
+int pairsAtOnce(const RefineRequest& request, const DeviceSetup& setup, size_t cameras) {
+    if (setup.device.backend == DeviceBackend::Cuda) return 1;
+    int threads = request.threads > 0 ? request.threads : setup.device.context.threads;
+    if (threads <= 0) threads = tbb::info::default_concurrency();
+    return int(std::min<size_t>(size_t(std::max(1, threads)), cameras));
+}
+
+RunShape shapeOfRun(const RefineRequest& request, const SfmScene& scene, const std::vector<ImageSize>& sizes,
+                    const TriMesh& mesh, const DeviceSetup& setup) {
+    RunShape shape;
+    shape.photosOnDisk = sizes;
+    const double scale = scaleForLongestSide(sizes, request.maxImageSide);
+    shape.photos = scaledSizes(sizes, scale);
+    std::vector<mycamera> cameras = scene.cameras;
+    for (size_t c = 0; c < cameras.size() && c < sizes.size(); ++c)
+        scaleCamera(cameras[c], double(shape.photos[c].width) / sizes[c].width,
+                    double(shape.photos[c].height) / sizes[c].height);
+    shape.mesh = memory::estimateMeshGrowth(mesh, cameras, shape.photos, request.settings, request.finestLevel);
+    shape.finestLevel = request.finestLevel;
+    shape.pairsAtOnce = pairsAtOnce(request, setup, cameras.size());
+    shape.kernelsOnHost = setup.device.backend == DeviceBackend::Cpu;
+    shape.processBytes = memory::residentMemory();
+    return shape;
+}
+
+void printEstimate(const MemoryVerdict& v, bool kernelsOnHost, std::ostream& out) {
+    out << "Memory estimate (MiB):";
+    for (const memory::LevelNeed& l : v.need.levels) {
+        out << " level " << l.level << " " << mib(l.hostBytes);
+        if (!kernelsOnHost) out << " host + " << mib(l.deviceBytes) << " device";
+        out << (&l == &v.need.levels.back() ? "" : ",");
+    }
+    out << std::endl;
+    out << "Memory needed: " << mib(v.need.peakHostBytes) << " MiB of " << mib(v.hostAvailable)
+              << " MiB host memory available";
+    if (!kernelsOnHost)
+        out << ", " << mib(v.need.peakDeviceBytes) << " MiB of " << mib(v.deviceAvailable)
+                  << " MiB device memory";
+    out << std::endl;
+}
+
+// The coarsest finest level (1 or 2) that fits, 0 when none does.
+int fittingFinestLevel(RunShape shape, uint64_t available, bool device) {
+    for (int level = shape.finestLevel + 1; level <= 2; ++level) {
+        shape.finestLevel = level;
+        const memory::MemoryNeed need = memory::estimateMemory(shape);
+        if ((device ? need.peakDeviceBytes : need.peakHostBytes) <= available) return level;
+    }
+    return 0;
+}
+
+// Processes that would share the run so that each fits: the photographs'
+// share divides among them, the rest does not.
+int fittingProcesses(const RunShape& shape, uint64_t available, bool device) {
+    RunShape bare = shape;
+    for (ImageSize& p : bare.photos) p = ImageSize{1, 1};
+    bare.photosOnDisk = bare.photos;
+    const memory::MemoryNeed whole = memory::estimateMemory(shape), fixed = memory::estimateMemory(bare);
+    const uint64_t need = device ? whole.peakDeviceBytes : whole.peakHostBytes;
+    const uint64_t rest = device ? fixed.peakDeviceBytes : fixed.peakHostBytes;
+    if (rest >= available) return 0;
+    const uint64_t k = (need - rest + (available - rest) - 1) / (available - rest);
+    return k <= shape.photos.size() ? int(std::max<uint64_t>(k, 2)) : 0;
+}
+
+std::string remedies(const RunShape& shape, uint64_t available, bool device) {
+    std::vector<std::string> ways;
+    if (const int side = memory::largestFittingImageSide(shape, available, device); side >= 16)
+        ways.push_back("--max-image-size " + std::to_string(side));
+    if (const int level = fittingFinestLevel(shape, available, device); level > 0)
+        ways.push_back("--finest-level " + std::to_string(level));
+    if (const int k = fittingProcesses(shape, available, device); k > 0)
+        ways.push_back("sharing the run among " + std::to_string(k) +
+                       " processes (README, \"Runs shared by several processes\")");
+    if (ways.empty()) return "the mesh alone is too large for this machine";
+    std::string text = "it would fit with ";
+    for (size_t i = 0; i < ways.size(); ++i)
+        text += (i == 0 ? "" : i + 1 == ways.size() ? ", or " : ", ") + ways[i];
+    return text;
+}
+
+}  // namespace
+
+bool checkMemory(const RefineRequest& request, const std::string& scenePath, const TriMesh& mesh,
+                 const DeviceSetup& setup, std::ostream& out, MemoryVerdict& verdict, std::string& error) {
+    SfmScene scene;
+    std::vector<ImageSize> sizes;
+    if (!loadSceneShape(scene, scenePath, sizes, error)) return false;
+    const RunShape shape = shapeOfRun(request, scene, sizes, mesh, setup);
+    verdict.need = memory::estimateMemory(shape);
+    verdict.hostAvailable = memory::availableHostMemory() + shape.processBytes;
+    verdict.deviceAvailable = uint64_t(setup.freeMB * kMiB);
+    if (request.memoryLimitMiB > 0.0) verdict.hostAvailable = verdict.deviceAvailable = uint64_t(request.memoryLimitMiB * kMiB);
+    const bool hostFits = verdict.need.peakHostBytes <= verdict.hostAvailable;
+    const bool deviceFits = shape.kernelsOnHost || verdict.need.peakDeviceBytes <= verdict.deviceAvailable;
+    verdict.fits = hostFits && deviceFits;
+    printEstimate(verdict, shape.kernelsOnHost, out);
+    if (verdict.fits) return true;
+    const bool device = hostFits;  // the budget that is short
+    const uint64_t need = device ? verdict.need.peakDeviceBytes : verdict.need.peakHostBytes;
+    const uint64_t have = device ? verdict.deviceAvailable : verdict.hostAvailable;
+    std::cout << "Error: the run needs about " << mib(need) << " MiB of " << (device ? "device" : "host")
+              << " memory and " << mib(have) << " MiB are available; " << remedies(shape, have, device) << std::endl;
+    return true;
+}
+
+}  // namespace tessaline::frontend

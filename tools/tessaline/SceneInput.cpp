@@ -1,0 +1,100 @@
+#include "SceneInput.h"
+
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+
+#include <opencv2/imgcodecs.hpp>
+#include <opencv2/imgproc.hpp>
+
+namespace tessaline::frontend {
+
+namespace fs = std::filesystem;
+
+std::string photographPath(const std::string& scenePath, const std::string& imagePath) {
+    return (fs::path(scenePath).parent_path() / imagePath).string();
+}
+
+namespace {
+
+cv::Mat readGrey(const std::string& path) {
+    try {
+        return cv::imread(path, cv::IMREAD_GRAYSCALE);
+    } catch (const cv::Exception&) {
+        return cv::Mat();
+    }
+}
+
+bool readSceneFile(SfmScene& scene, const std::string& scenePath, const SceneImageReader& reader) {
+    std::cout << "loading " << scenePath << "..." << std::endl;
+    std::ifstream in(scenePath);
+    if (!in.is_open()) {
+        std::cout << scenePath << " cannot read" << std::endl;
+        return false;
+    }
+    return loadSfmSceneFromStream(scene, in, scenePath, reader);
+}
+
+}  // namespace
+
+bool loadSceneBesideFile(SfmScene& scene, const std::string& scenePath) {
+    return readSceneFile(scene, scenePath, [&](const std::string& p) { return readGrey(photographPath(scenePath, p)); });
+}
+
+bool loadSceneShape(SfmScene& scene, const std::string& scenePath, std::vector<memory::ImageSize>& sizes,
+                    std::string& error) {
+    sizes.clear();
+    bool readable = true;
+    const bool read = readSceneFile(scene, scenePath, [&](const std::string& p) {
+        memory::ImageSize size;
+        if (readable && !memory::readImageSize(photographPath(scenePath, p), size)) {
+            error = "cannot read the photograph " + photographPath(scenePath, p);
+            readable = false;
+        }
+        sizes.push_back(size);
+        return cv::Mat(1, 1, CV_8U);  // stands for the photograph while the file is read
+    });
+    for (cv::Mat& image : scene.images) image.release();
+    if (read && readable && scene.cameras.empty()) error = "the scene " + scenePath + " holds no camera";
+    if (!read && error.empty()) error = "cannot use the scene " + scenePath;
+    return read && readable && !scene.cameras.empty();
+}
+
+double scaleForLongestSide(const std::vector<memory::ImageSize>& sizes, int maxSide) {
+    int longest = 0;
+    for (const memory::ImageSize& s : sizes) longest = std::max({longest, s.width, s.height});
+    return maxSide > 0 && longest > maxSide ? double(maxSide) / longest : 1.0;
+}
+
+std::vector<memory::ImageSize> scaledSizes(const std::vector<memory::ImageSize>& sizes, double scale) {
+    std::vector<memory::ImageSize> out;
+    for (const memory::ImageSize& s : sizes)
+        out.push_back({std::max(1, int(std::lround(s.width * scale))), std::max(1, int(std::lround(s.height * scale)))});
+    return out;
+}
+
+void scaleScene(SfmScene& scene, double scale) {
+    if (scale == 1.0) return;
+    for (size_t c = 0; c < scene.images.size() && c < scene.cameras.size(); ++c) {
+        cv::Mat& image = scene.images[c];
+        const memory::ImageSize size = scaledSizes({{image.cols, image.rows}}, scale)[0];
+        const double sx = double(size.width) / image.cols, sy = double(size.height) / image.rows;
+        cv::Mat smaller;
+        cv::resize(image, smaller, cv::Size(size.width, size.height), 0, 0, cv::INTER_AREA);
+        image = smaller;
+        scaleCamera(scene.cameras[c], sx, sy);
+    }
+}
+
+void scaleCamera(mycamera& camera, double sx, double sy) {
+    camera.fx *= sx;
+    camera.fy *= sy;
+    camera.cx = (camera.cx + 0.5) * sx - 0.5;
+    camera.cy = (camera.cy + 0.5) * sy - 0.5;
+    updateIntrinsicMatrices(camera);
+    updateProjectionMatrix(camera);
+}
+
+}  // namespace tessaline::frontend
