@@ -94,7 +94,7 @@ std::string remedies(const RunShape& shape, uint64_t available, bool device) {
     if (const int k = fittingProcesses(shape, available, device); k > 0)
         ways.push_back("sharing the run among " + std::to_string(k) +
                        " processes (README, \"Runs shared by several processes\")");
-    if (ways.empty()) return "the mesh alone is too large for this machine";
+    if (ways.empty()) return "not even the program and the mesh fit in that";
     std::string text = "it would fit with ";
     for (size_t i = 0; i < ways.size(); ++i)
         text += (i == 0 ? "" : i + 1 == ways.size() ? ", or " : ", ") + ways[i];

@@ -1,4 +1,5 @@
-// The four companion programs parse their command lines alike: --help prints
+// The companion programs and the sub-commands of tessaline parse their
+// command lines alike: --help prints
 // the usage and exits 0; a missing argument, an unknown option or a value
 // that is not a number is refused with one "Error: " line, the usage hint and
 // exit status 2; a failure while running prints its "Error: " line and exits
@@ -54,6 +55,30 @@ std::vector<Program> programs() {
          {"import", "@/model", "@/images", "@/mesh.ply", "@/out"},
          {"import", "@/model", "@/images", "@/mesh.ply", "@/out", "--neighbours", "many"}, "--neighbours",
          {"import", "@/model", "@/images", "@/mesh.ply", "@/out"}, "the model folder @/model"},
+        // The one program runs the same commands as sub-commands.
+        {"tessaline_sub_synth", TESSALINE_BINARY, {"synth", "--help"}, "--supersample", {"synth"}, "OUT_DIR",
+         {"synth", "@/scene"}, {"synth", "@/scene", "--views", "many"}, "--views",
+         {"synth", "/dev/null/scene", "--views", "2", "--width", "64", "--height", "64", "--truth-level", "1"},
+         "cannot create the folder /dev/null/scene"},
+        {"tessaline_sub_compare", TESSALINE_BINARY, {"compare", "--help"}, "--samples", {"compare", "@/reference.ply"},
+         "TEST", {"compare", "@/reference.ply", "@/test.ply"},
+         {"compare", "@/reference.ply", "@/test.ply", "--samples", "many"}, "--samples",
+         {"compare", "@/reference.ply", "@/test.ply"}, "cannot read the reference mesh @/reference.ply"},
+        {"tessaline_sub_planesweep", TESSALINE_BINARY, {"planesweep", "--help"}, "--min-score",
+         {"planesweep", "@/scene.sfm", "0"}, "out_prefix", {"planesweep", "@/scene.sfm", "0", "@/sweep"},
+         {"planesweep", "@/scene.sfm", "0", "@/sweep", "--planes", "many"}, "--planes",
+         {"planesweep", "@/scene.sfm", "0", "@/sweep"}, "the scene @/scene.sfm could not be loaded"},
+        {"tessaline_sub_import", TESSALINE_BINARY, {"import", "--help"}, "--neighbours", {"import", "@/model", "@/images"},
+         "MESH", {"import", "@/model", "@/images", "@/mesh.ply", "@/out"},
+         {"import", "@/model", "@/images", "@/mesh.ply", "@/out", "--neighbours", "many"}, "--neighbours",
+         {"import", "@/model", "@/images", "@/mesh.ply", "@/out"}, "the model folder @/model"},
+        {"tessaline_sub_refine", TESSALINE_BINARY, {"refine", "--help"}, "--max-image-size", {"refine"}, "INPUTS",
+         {"refine", "@/scene.sfm", "@/mesh.ply", "@/out.glb"},
+         {"refine", "@/scene.sfm", "@/mesh.ply", "@/out.glb", "--threads", "many"}, "--threads",
+         {"refine", "@/scene.sfm", "@/mesh.ply", "@/out.glb"}, "cannot read the mesh @/mesh.ply"},
+        {"tessaline_sub_export", TESSALINE_BINARY, {"export", "--help"}, "--scene-dir", {"export", "@/mesh.ply"}, "OUT",
+         {"export", "@/mesh.ply", "@/out.obj"}, {"export", "@/mesh.ply", "@/out.obj", "--scene-dir"}, "--scene-dir",
+         {"export", "@/mesh.ply", "@/out.obj"}, "the mesh @/mesh.ply does not exist"},
     };
 }
 
