@@ -92,8 +92,8 @@ std::string remedies(const RunShape& shape, uint64_t available, bool device) {
     if (const int level = fittingFinestLevel(shape, available, device); level > 0)
         ways.push_back("--finest-level " + std::to_string(level));
     if (const int k = fittingProcesses(shape, available, device); k > 0)
-        ways.push_back("sharing the run among " + std::to_string(k) +
-                       " processes (README, \"Runs shared by several processes\")");
+        ways.push_back("sharing the run among " + std::to_string(k) + " processes (mpirun -n " + std::to_string(k) +
+                       " tessaline_refine on the imported scene, see README \"Runs shared by several processes\")");
     if (ways.empty()) return "not even the program and the mesh fit in that";
     std::string text = "it would fit with ";
     for (size_t i = 0; i < ways.size(); ++i)

@@ -8,6 +8,7 @@
 #include <cmath>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 
 #include "CommandLine.h"
 #include "CoordinateOffset.h"
@@ -152,7 +153,12 @@ int runRefine(const RefineRequest& request) {
     import.meshPath = request.meshPath;
     import.outDir = work.path();
     import.neighbours = request.neighbours;
-    tessaline_tools::runImport(import);
+    {
+        // --quiet keeps the import's report of cameras and neighbours too.
+        std::optional<LibraryOutput> quietImport;
+        if (request.quiet) quietImport.emplace();
+        tessaline_tools::runImport(import);
+    }
     return refineFromFiles(request, (fs::path(work.path()) / "scene.sfm").string(),
                            (fs::path(work.path()) / "mesh.ply").string());
 }

@@ -6,6 +6,7 @@
 #include <stdlib.h>
 #include <sys/wait.h>
 
+#include <cstdio>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -159,6 +160,12 @@ TEST_F(RefineCommand, MaxImageSizeScalesThePhotographs) {
     EXPECT_NE(output.find("Photographs: 6, 80x60 pixels as refined"), std::string::npos) << output;
     EXPECT_NE(output.find("level 2: 100/100 iterations"), std::string::npos) << output;
     EXPECT_EQ(output.find("mesh optimizing"), std::string::npos) << output;  // the library's own lines
+    // The memory estimate against the measured peak, both printed last.
+    const size_t at = output.find("peak memory ");
+    ASSERT_NE(at, std::string::npos) << output;
+    double peak = 0.0, estimate = 0.0;
+    ASSERT_EQ(std::sscanf(output.c_str() + at, "peak memory %lf MiB (estimated %lf MiB)", &peak, &estimate), 2);
+    EXPECT_NEAR(estimate, peak, 0.25 * peak) << output;
 }
 
 // The temple's real model (13 registered photographs), its hull in the
