@@ -15,11 +15,11 @@
 #include "ImportScene.h"
 #include "LibraryOutput.h"
 #include "MemoryCheck.h"
+#include "MeshInput.h"
 #include "MeshWriters.h"
 #include "Progress.h"
 #include "SceneInput.h"
 #include "ToolError.h"
-#include "plyIO.h"
 #include "runFlow.h"
 
 namespace tessaline::frontend {
@@ -110,7 +110,9 @@ int refineFromFiles(const RefineRequest& request, const std::string& scenePath, 
     if (!chooseDevice(request, setup, error)) return cli::fail(error);
     out << setup.description << std::endl;
     TriMesh mesh;
-    if (!loadPly(mesh, meshPath)) return cli::fail("cannot read the mesh " + meshPath);
+    if (!readInitialMesh(meshPath, mesh, error)) return cli::fail(error);
+    if (!fs::is_directory(fs::absolute(request.outPath).parent_path()))
+        return cli::fail("the folder of " + request.outPath + " does not exist");
     out << "Mesh: " << mesh.num_v << " vertices, " << mesh.num_f << " facets" << std::endl;
     MemoryVerdict verdict;
     if (!checkMemory(request, scenePath, mesh, setup, out, verdict, error)) return cli::fail(error);

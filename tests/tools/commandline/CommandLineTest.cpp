@@ -75,7 +75,7 @@ std::vector<Program> programs() {
         {"tessaline_sub_refine", TESSALINE_BINARY, {"refine", "--help"}, "--max-image-size", {"refine"}, "INPUTS",
          {"refine", "@/scene.sfm", "@/mesh.ply", "@/out.glb"},
          {"refine", "@/scene.sfm", "@/mesh.ply", "@/out.glb", "--threads", "many"}, "--threads",
-         {"refine", "@/scene.sfm", "@/mesh.ply", "@/out.glb"}, "cannot read the mesh @/mesh.ply"},
+         {"refine", "@/scene.sfm", "@/mesh.ply", "@/out.glb"}, "the mesh @/mesh.ply does not exist"},
         {"tessaline_sub_export", TESSALINE_BINARY, {"export", "--help"}, "--scene-dir", {"export", "@/mesh.ply"}, "OUT",
          {"export", "@/mesh.ply", "@/out.obj"}, {"export", "@/mesh.ply", "@/out.obj", "--scene-dir"}, "--scene-dir",
          {"export", "@/mesh.ply", "@/out.obj"}, "the mesh @/mesh.ply does not exist"},

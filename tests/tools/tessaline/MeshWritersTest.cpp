@@ -10,6 +10,7 @@
 
 #include "../../scene/SceneTestSupport.h"
 #include "CoordinateOffset.h"
+#include "MeshInput.h"
 #include "MeshReader.h"
 #include "MeshWriters.h"
 
@@ -126,6 +127,22 @@ TEST_F(MeshWriters, OffsetFileIsReadExactlyOrRefused) {
         EXPECT_FALSE(readCoordinateOffset(dir().string(), offset, error)) << bad;
         EXPECT_NE(error.find("offset.txt"), std::string::npos);
     }
+}
+
+// Which initial meshes the refiner's own reader takes (the rest go to the
+// importer's reader).
+TEST(MeshInput, RefinersDialectIsAsciiWithPlainVertices) {
+    using tessaline::frontend::isRefinerPlyHeader;
+    const std::string faces = "element face 1\nproperty list uchar int vertex_indices\nend_header\n";
+    const std::string plain = "ply\nformat ascii 1.0\ncomment x\nelement vertex 3\nproperty float x\n"
+                              "property float y\nproperty float z\n";
+    EXPECT_TRUE(isRefinerPlyHeader(plain + faces));
+    EXPECT_TRUE(isRefinerPlyHeader(plain + "property uchar alpha\n" + faces));
+    EXPECT_FALSE(isRefinerPlyHeader(plain + "property float nx\n" + faces));
+    EXPECT_FALSE(isRefinerPlyHeader(plain + "property list uchar int x\n" + faces));
+    EXPECT_FALSE(isRefinerPlyHeader(plain + "element edge 1\nproperty int a\n" + faces));
+    EXPECT_FALSE(isRefinerPlyHeader("ply\nformat binary_little_endian 1.0\n" + plain.substr(21) + faces));
+    EXPECT_FALSE(isRefinerPlyHeader(plain));  // no end_header
 }
 
 }  // namespace

@@ -150,6 +150,21 @@ TEST_F(RefineCommand, ImportOffsetIsAddedByRefineAndExport) {
     EXPECT_EQ(in.facets, out.facets);
 }
 
+// An OBJ holds the same floats (9 digits), so the run from it is the same
+// run; a missing output folder is found before the work.
+TEST_F(RefineCommand, AnyMeshTheImporterReadsStartsTheSameRun) {
+    std::string output;
+    ASSERT_EQ(tessaline({"export", initial(), path("initial.obj")}, output), 0) << output;
+    for (const char* mesh : {"scene/initial.ply", "initial.obj"}) {
+        const std::string out = path(std::string(mesh).substr(0, 5) + ".ply");
+        ASSERT_EQ(tessaline({"refine", scene(), path(mesh), out, "--finest-level", "2", "-q"}, output), 0) << output;
+    }
+    EXPECT_EQ(scene_test::readFile(dir() / "scene.ply"), scene_test::readFile(dir() / "initi.ply"));
+    EXPECT_EQ(tessaline({"refine", scene(), initial(), path("missing/out.ply")}, output), 1);
+    EXPECT_NE(output.find("Error: the folder of "), std::string::npos) << output;
+    EXPECT_EQ(output.find("Memory estimate"), std::string::npos) << output;
+}
+
 TEST_F(RefineCommand, MaxImageSizeScalesThePhotographs) {
     std::string output;
     ASSERT_EQ(tessaline({"refine", scene(), initial(), path("out.ply"), "--finest-level", "2", "--max-image-size",
