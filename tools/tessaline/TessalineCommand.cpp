@@ -22,7 +22,7 @@ namespace {
 struct SubCommand {
     const char* name;
     const char* summary;
-    int (*run)(int argc, char** argv);  // argv[0]: "tessaline NAME"
+    int (*run)(int argc, char** argv);
     bool keepsName;                     // takes "tessaline NAME ..." whole, NAME as its own sub-command
 };
 
@@ -56,11 +56,13 @@ void printUsage() {
               << std::flush;
 }
 
+// Runs `command` with argv[0] "tessaline NAME", or "tessaline" followed by
+// NAME for a command that takes its name as its own sub-command, so that
+// the usage names the program the user ran.
 int runSubCommand(const SubCommand& command, int argc, char** argv) {
-    if (command.keepsName) return command.run(argc, argv);
-    std::string name = std::string("tessaline ") + command.name;
-    std::vector<char*> args{name.data()};
-    for (int k = 2; k < argc; ++k) args.push_back(argv[k]);
+    std::string program = "tessaline", name = std::string("tessaline ") + command.name;
+    std::vector<char*> args{command.keepsName ? program.data() : name.data()};
+    for (int k = command.keepsName ? 1 : 2; k < argc; ++k) args.push_back(argv[k]);
     args.push_back(nullptr);
     return command.run(int(args.size()) - 1, args.data());
 }
