@@ -13,6 +13,11 @@ constexpr uint64_t kBytesPerCameraPixel = 21;
 constexpr uint64_t kBytesPerPairPixel = 49 + 8;
 constexpr uint64_t kKernelBytesPerVertex = 65 + 24;  // with about 6 one-ring entries of 4 bytes
 constexpr uint64_t kKernelBytesPerFacet = 24;
+// What a run adds to the process besides its tables: the worker threads'
+// stacks and the allocator's arenas (measured on the small benchmark scene).
+constexpr uint64_t kRunOverheadBytes = 10u << 20;
+constexpr uint64_t kSelectionBytesPerPixel = 16;  // each camera's depth, facet and two weights, on the host
+constexpr uint64_t kRenderBytesPerPixel = 24 + 8;  // one camera's render and its keys
 constexpr double kBorder = 10.0;  // a render keeps facets at least this far inside the image
 
 // Each vertex in camera c's pixels (u, v), or NaN when it is behind it.
@@ -76,25 +81,45 @@ long long totalPixels(const std::vector<ImageSize>& photos) {
     return levelPixels(photos, 1.0, &largest);
 }
 
-LevelNeed levelNeed(const RunShape& shape, int level) {
-    const double scale = std::ldexp(1.0, -level);
-    long long largest = 0;
-    const uint64_t pixels = uint64_t(levelPixels(shape.photos, scale, &largest));
-    const LevelCounts& refined = shape.mesh[size_t(level)];
-    const LevelCounts& last = shape.mesh[size_t(std::max(0, shape.finestLevel - 1))];  // the largest mesh
-    const uint64_t kernels = kBytesPerCameraPixel * pixels +
-                             kBytesPerPairPixel * uint64_t(largest) * uint64_t(std::max(1, shape.pairsAtOnce)) +
-                             kKernelBytesPerVertex * uint64_t(refined.vertices) +
-                             kKernelBytesPerFacet * uint64_t(refined.facets);
+// Host memory that every stage of a level holds: the process, the
+// photographs, the level's images and the mesh record (at its largest).
+uint64_t hostBase(const RunShape& shape, int level, uint64_t levelPixels) {
     uint64_t photographs = uint64_t(totalPixels(shape.photos));
     const uint64_t onDisk = uint64_t(totalPixels(shape.photosOnDisk));
     if (level == 2 && onDisk != photographs) photographs += onDisk;  // both, while they are scaled
-    const uint64_t host = shape.processBytes + photographs + 2 * pixels +
-                          kHostBytesPerVertex * uint64_t(last.vertices) + kHostBytesPerFacet * uint64_t(last.facets);
+    const LevelCounts& last = shape.mesh[0];
+    return shape.processBytes + kRunOverheadBytes + photographs + levelPixels + kHostBytesPerVertex * uint64_t(last.vertices) +
+           kHostBytesPerFacet * uint64_t(last.facets);
+}
+
+// A stage's host and kernel bytes as they add up on the backend.
+LevelNeed onBackend(const RunShape& shape, int level, uint64_t host, uint64_t kernels) {
     LevelNeed need;
     need.level = level;
     need.hostBytes = host + (shape.kernelsOnHost ? kernels : 0);
     need.deviceBytes = shape.kernelsOnHost ? 0 : kernels;
+    return need;
+}
+
+// The larger of the level's facet selection (every camera's maps on the
+// host, one camera's render in the kernels) and, at a refined level, its
+// optimisation (the image stack on the host, everything else in the
+// kernels).
+LevelNeed levelNeed(const RunShape& shape, int level) {
+    long long largest = 0;
+    const uint64_t pixels = uint64_t(levelPixels(shape.photos, std::ldexp(1.0, -level), &largest));
+    const uint64_t base = hostBase(shape, level, pixels);
+    LevelNeed need = onBackend(shape, level, base + kSelectionBytesPerPixel * pixels,
+                               kRenderBytesPerPixel * uint64_t(largest));
+    if (level < shape.finestLevel) return need;
+    const LevelCounts& refined = shape.mesh[size_t(level)];
+    const uint64_t kernels = kBytesPerCameraPixel * pixels +
+                             kBytesPerPairPixel * uint64_t(largest) * uint64_t(std::max(1, shape.pairsAtOnce)) +
+                             kKernelBytesPerVertex * uint64_t(refined.vertices) +
+                             kKernelBytesPerFacet * uint64_t(refined.facets);
+    const LevelNeed refinement = onBackend(shape, level, base + pixels, kernels);
+    need.hostBytes = std::max(need.hostBytes, refinement.hostBytes);
+    need.deviceBytes = std::max(need.deviceBytes, refinement.deviceBytes);
     return need;
 }
 
@@ -141,7 +166,7 @@ std::vector<LevelCounts> estimateMeshGrowth(const TriMesh& mesh, const std::vect
 
 MemoryNeed estimateMemory(const RunShape& shape) {
     MemoryNeed need;
-    for (int level = 2; level >= shape.finestLevel; --level) {
+    for (int level = 2; level >= std::max(0, shape.finestLevel - 1); --level) {
         const LevelNeed l = levelNeed(shape, level);
         need.levels.push_back(l);
         need.peakHostBytes = std::max(need.peakHostBytes, l.hostBytes);

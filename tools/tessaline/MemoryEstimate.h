@@ -4,19 +4,26 @@
 //
 // Per level l (scale s = 2^-l), for P pixels over all images of the level,
 // M pixels in the largest one, F facets and V vertices after the level's
-// subdivision:
+// subdivision, the larger of its two stages:
 //
-//   kernels' memory (the device; host memory on the CPU backend)
+//   optimisation, in the kernels' memory (the device; host memory on the
+//   CPU backend)
 //     21 P                 per camera: float and byte image, depth, facet
 //                          and weight renders
 //     57 M x pairs at once work images of a camera pair (49) and the
 //                          render's keys (8), once per CPU thread or per GPU
 //     65 V + 24 F + 24 V   the mesh, its gradients and one-rings
-//   host memory
-//     the photographs at full size (1 byte a pixel; before and after the
-//     scaling of --max-image-size), the level's images and their stack
-//     (1 byte a pixel each), the mesh record (kHostBytesPerVertex and
-//     kHostBytesPerFacet) and what the process holds already.
+//   and the images' stack on the host (P);
+//   facet selection: every camera's depth, facet and weight maps on the
+//   host (16 P), one camera's render and keys in the kernels (32 M).
+//   Both hold on the host the photographs at full size (1 byte a pixel;
+//   before and after the scaling of --max-image-size), the level's images
+//   (P), the mesh record (kHostBytesPerVertex and kHostBytesPerFacet), what
+//   the process holds already and what a run adds to it (threads' stacks,
+//   the allocator's arenas: 10 MiB).
+//
+// The level loop divides facets at one level finer than the finest level it
+// refines (when there is one), so that level's facet selection counts too.
 //
 // F is estimated by running the facet selection's rule without rendering:
 // each facet's front-facing footprint in every camera, projected; a facet is
@@ -71,7 +78,7 @@ struct LevelNeed {
 };
 
 struct MemoryNeed {
-    std::vector<LevelNeed> levels;  // coarsest first
+    std::vector<LevelNeed> levels;  // coarsest first, down to the last level divided
     uint64_t peakHostBytes = 0;
     uint64_t peakDeviceBytes = 0;
 };

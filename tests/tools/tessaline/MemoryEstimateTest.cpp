@@ -108,12 +108,12 @@ TEST(MemoryNeeds, GrowWithPixelsAndLevelAndMoveToTheDevice) {
     EXPECT_GT(double(b.peakHostBytes - large.processBytes), 3.5 * pixelPart);
     RunShape coarse = small;
     coarse.finestLevel = 2;
-    EXPECT_LT(estimateMemory(coarse).peakHostBytes - small.processBytes, uint64_t(pixelPart / 4));
+    EXPECT_LT(estimateMemory(coarse).peakHostBytes - small.processBytes, uint64_t(pixelPart / 2));
     RunShape gpu = small;
     gpu.kernelsOnHost = false;
     const MemoryNeed c = estimateMemory(gpu);
-    EXPECT_GT(c.peakDeviceBytes, 0u);
-    EXPECT_EQ(c.peakHostBytes + c.peakDeviceBytes, a.peakHostBytes);
+    EXPECT_GT(c.peakDeviceBytes, pixelPart / 2);
+    EXPECT_LT(c.peakHostBytes, a.peakHostBytes - c.peakDeviceBytes / 2);
 }
 
 TEST(MemoryNeeds, LargestFittingSideFitsAndOneMoreDoesNot) {
