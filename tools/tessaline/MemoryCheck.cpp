@@ -50,6 +50,7 @@ void printEstimate(const MemoryVerdict& v, bool kernelsOnHost, std::ostream& out
     for (const memory::LevelNeed& l : v.need.levels) {
         out << " level " << l.level << " " << mib(l.hostBytes);
         if (!kernelsOnHost) out << " host + " << mib(l.deviceBytes) << " device";
+        out << " (" << l.facets << " facets)";
         out << (&l == &v.need.levels.back() ? "" : ",");
     }
     out << std::endl;

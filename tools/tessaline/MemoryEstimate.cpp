@@ -96,6 +96,7 @@ uint64_t hostBase(const RunShape& shape, int level, uint64_t levelPixels) {
 LevelNeed onBackend(const RunShape& shape, int level, uint64_t host, uint64_t kernels) {
     LevelNeed need;
     need.level = level;
+    need.facets = shape.mesh[size_t(level)].facets;
     need.hostBytes = host + (shape.kernelsOnHost ? kernels : 0);
     need.deviceBytes = shape.kernelsOnHost ? 0 : kernels;
     return need;

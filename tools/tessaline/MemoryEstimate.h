@@ -73,6 +73,7 @@ struct RunShape {
 
 struct LevelNeed {
     int level = 0;
+    long long facets = 0;      // the mesh after the level's subdivision
     uint64_t hostBytes = 0;    // on the CPU backend, including the kernels' memory
     uint64_t deviceBytes = 0;  // zero on the CPU backend
 };
