@@ -55,10 +55,10 @@ void printEstimate(const MemoryVerdict& v, bool kernelsOnHost, std::ostream& out
     }
     out << std::endl;
     out << "Memory needed: " << mib(v.need.peakHostBytes) << " MiB of " << mib(v.hostAvailable)
-              << " MiB host memory available";
+        << " MiB host memory available";
     if (!kernelsOnHost)
         out << ", " << mib(v.need.peakDeviceBytes) << " MiB of " << mib(v.deviceAvailable)
-                  << " MiB device memory";
+            << " MiB device memory";
     out << std::endl;
 }
 
