@@ -48,6 +48,14 @@ int runSynthCommand(int argc, char** argv) {
                    "this fraction of the truth's diagonal either way (0 to 0.05), drawn from the seed")
         ->capture_default_str();
     app.add_option("--supersample", o.supersample, "Rays per pixel along each axis")->capture_default_str();
+    app.add_option("--lens", o.lensModel,
+                   "Camera model of the photographs: PINHOLE, or SIMPLE_RADIAL, RADIAL, OPENCV or FULL_OPENCV, "
+                   "rendered with a known distortion and written as a COLMAP model only (colmap/), without "
+                   "scene.sfm")
+        ->capture_default_str();
+    app.add_option("--distortion", o.distortion, "Strength of the lens distortion (1: the built-in coefficients)")
+        ->capture_default_str();
+    app.add_flag("--colmap", o.colmapModel, "Also write the scene as a COLMAP text model into OUT_DIR/colmap");
     if (const auto status = cli::parse(app, argc, argv)) return *status;
     if (const std::string problem = checkSynthOptions(o); !problem.empty()) return cli::refuse(problem);
 
