@@ -37,8 +37,8 @@ SceneOffset chooseOffset(const MeshData& mesh) {
     const double distance = std::hypot(centre[0], centre[1], centre[2]);
     if (!(distance > kFarInDiagonals * diagonal || distance > kFarInUnits)) return offset;
     const double step = powerOfTenBelow(diagonal);
-    offset.applied = true;
     for (int k = 0; k < 3; ++k) offset.xyz[k] = std::round(centre[k] / step) * step;
+    offset.applied = offset.xyz[0] != 0 || offset.xyz[1] != 0 || offset.xyz[2] != 0;
     return offset;
 }
 

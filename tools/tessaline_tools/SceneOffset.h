@@ -7,7 +7,8 @@
 // model is moved when |c| > 1000 d or |c| > 10^4 units. The offset is c
 // rounded, component by component, to a whole multiple of the largest power
 // of ten not above d (whole units for a model a metre or more across), so
-// that it reads plainly and leaves the model within about d of the origin.
+// that it reads plainly and leaves the model within about d of the origin
+// (a model larger than its distance from the origin thus stays).
 // It is subtracted in float64 from the mesh, the cameras and the model's
 // points, and written to OUT_DIR/offset.txt as one line "x y z" with 17
 // significant digits: a consumer ADDS it back, in float64, to the refined
