@@ -82,6 +82,11 @@ int runSynthCommand(int argc, char** argv) {
         }
         std::cout << "\n";
         std::cout << "  object at least " << so.marginPixels << " pixels from the image border in every view\n";
+        if (!scene.distortion.isZero())
+            std::cout << "  photographs with the lens distortion of " << so.lensModel << " (strength " << so.distortion
+                      << "); the COLMAP model in colmap/ describes them, no scene.sfm\n";
+        else if (so.colmapModel)
+            std::cout << "  COLMAP model in colmap/\n";
         std::snprintf(line, sizeof line, "  generated in %.2f s", seconds);
         std::cout << line << std::endl;
         return cli::kSuccess;
