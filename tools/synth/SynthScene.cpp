@@ -386,8 +386,9 @@ bool writeSynthScene(const SynthScene& scene, const std::string& folder, std::st
     if (scene.options.colmapModel || !scene.distortion.isZero()) {
         fs::create_directories(dir / "colmap", ec);
         const ColmapText model = colmapModelText(scene);
-        for (const auto& [name, text] : {std::pair{"cameras.txt", &model.cameras}, std::pair{"images.txt", &model.images},
-                                         std::pair{"points3D.txt", &model.points3D}})
+        for (const auto& [name, text] :
+             {std::pair{"cameras.txt", &model.cameras}, std::pair{"images.txt", &model.images},
+              std::pair{"points3D.txt", &model.points3D}})
             if (!writeFileAtomically((dir / "colmap" / name).string(), *text, error)) return false;
     }
     if (!scene.distortion.isZero()) return true;

@@ -5,7 +5,9 @@
 #include <cmath>
 #include <filesystem>
 #include <iostream>
+#include <locale>
 #include <map>
+#include <set>
 #include <sstream>
 
 #include <opencv2/imgcodecs.hpp>
@@ -24,6 +26,13 @@ constexpr double kLargestZoom = 64.0;
 
 bool hasBlank(const std::string& s) {
     return std::any_of(s.begin(), s.end(), [](unsigned char c) { return std::isspace(c) != 0; });
+}
+
+std::string plainNumber(double value) {
+    std::ostringstream out;
+    out.imbue(std::locale::classic());
+    out << value;
+    return out.str();
 }
 
 std::string sizeText(cv::Size size) { return std::to_string(size.width) + "x" + std::to_string(size.height); }
@@ -108,6 +117,20 @@ void makeFolders(const fs::path& folder, std::vector<std::string>& created) {
     created.push_back(folder.string());
 }
 
+// A resampled photograph must not replace one of the model's photographs
+// (an OUT_DIR whose images/ folder is IMAGE_DIR).
+void refuseOverwritingPhotographs(const std::vector<ImportView>& views, const std::string& imageDir,
+                                  const std::string& outDir) {
+    std::set<fs::path> sources;
+    for (const ImportView& v : views) sources.insert(fs::weakly_canonical(fs::absolute(fs::path(imageDir) / v.name)));
+    for (const ImportView& v : views) {
+        const fs::path target = fs::weakly_canonical(fs::absolute(fs::path(outDir) / "images" / resampledName(v.name)));
+        if (v.resampled && sources.count(target))
+            throw ToolError("the resampled photograph " + target.string() +
+                            " would replace a photograph of the model; choose another OUT_DIR");
+    }
+}
+
 }  // namespace
 
 std::string lowerCaseExtension(const std::string& path) {
@@ -125,8 +148,8 @@ LensCamera lensOfColmapCamera(const ColmapCamera& camera) {
     if (!(lens.fx > 0) || !(lens.fy > 0))
         throw ToolError(cameraText(camera) + ": the focal length is not positive");
     if (!(lens.cx >= 0 && lens.cx <= double(camera.width) && lens.cy >= 0 && lens.cy <= double(camera.height)))
-        throw ToolError(cameraText(camera) + ": the principal point (" + std::to_string(lens.cx) + ", " +
-                        std::to_string(lens.cy) + ") lies outside the " + std::to_string(camera.width) + "x" +
+        throw ToolError(cameraText(camera) + ": the principal point (" + plainNumber(lens.cx) + ", " +
+                        plainNumber(lens.cy) + ") lies outside the " + std::to_string(camera.width) + "x" +
                         std::to_string(camera.height) + " photograph");
     // COLMAP: top-left pixel centre at (0.5, 0.5). Here: at (0, 0).
     lens.cx -= 0.5;
@@ -220,11 +243,16 @@ void planPhotographs(std::vector<ImportView>& views, cv::Size sceneSize, const s
         v.camera.cx = (v.lens.cx + 0.5) * sx - 0.5;
         v.camera.cy = (v.lens.cy + 0.5) * sy - 0.5;
         v.resampled = !v.lens.distortion.isZero() || v.modelSize != sceneSize;
-        if (!v.lens.distortion.isZero()) ++undistorted, minZoom = std::min(minZoom, zoom), maxZoom = std::max(maxZoom, zoom);
+        if (!v.lens.distortion.isZero()) {
+            ++undistorted;
+            minZoom = std::min(minZoom, zoom);
+            maxZoom = std::max(maxZoom, zoom);
+        }
         const fs::path file = v.resampled ? fs::path(outDir) / "images" / resampledName(v.name)
                                           : fs::path(imageDir) / v.name;
         v.scenePath = scenePathFor(file.string(), outDir);
     }
+    refuseOverwritingPhotographs(views, imageDir, outDir);
     if (undistorted > 0) {
         std::ostringstream line;
         line.precision(4);

@@ -48,8 +48,8 @@ TEST(LensModels, EachModelDistortsAsOpenCvDoesWithItsCoefficientsInOpenCvsOrder)
         std::vector<cv::Point3d> points;
         for (int i = 0; i < 25; ++i) points.push_back({0.12 * (i % 5 - 2), 0.1 * (i / 5 - 2) + 0.01, 1.0});
         std::vector<cv::Point2d> expected;
-        cv::projectPoints(points, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), cameraMatrix(lens.fx, lens.fy, lens.cx, lens.cy),
-                          c.opencvCoefficients, expected);
+        const cv::Mat K = cameraMatrix(lens.fx, lens.fy, lens.cx, lens.cy);
+        cv::projectPoints(points, cv::Vec3d(0, 0, 0), cv::Vec3d(0, 0, 0), K, c.opencvCoefficients, expected);
         for (size_t i = 0; i < points.size(); ++i) {
             double xd, yd, x, y;
             distortNormalised(lens.distortion, points[i].x, points[i].y, xd, yd);
@@ -81,9 +81,10 @@ cv::Mat texture(cv::Size size) {
 // lengths times `zoom`.
 void opencvMaps(const LensCamera& lens, double zoom, cv::Size size, cv::Mat& mapU, cv::Mat& mapV) {
     const auto k = lens.distortion.opencvCoefficients();
-    cv::initUndistortRectifyMap(cameraMatrix(lens.fx, lens.fy, lens.cx, lens.cy), std::vector<double>(k.begin(), k.end()),
-                                cv::Mat(), cameraMatrix(lens.fx * zoom, lens.fy * zoom, lens.cx, lens.cy), size,
-                                CV_32FC1, mapU, mapV);
+    cv::initUndistortRectifyMap(cameraMatrix(lens.fx, lens.fy, lens.cx, lens.cy),
+                                std::vector<double>(k.begin(), k.end()), cv::Mat(),
+                                cameraMatrix(lens.fx * zoom, lens.fy * zoom, lens.cx, lens.cy), size, CV_32FC1, mapU,
+                                mapV);
 }
 
 bool mapInside(const cv::Mat& mapU, const cv::Mat& mapV, cv::Size size) {
@@ -209,7 +210,8 @@ TEST(ImportPhotographs, DistortedAndOddSizedPhotographsAreResampledIntoTheOutput
     EXPECT_DOUBLE_EQ(scaled.fx, 202 * 1.6);
     EXPECT_DOUBLE_EQ(scaled.fy, 203);
     EXPECT_DOUBLE_EQ(scaled.cx, 50.25 * 1.6 - 0.5);
-    const cv::Mat resized = cv::imread((fs::path(f.options.outDir) / "images" / "view02.png").string(), cv::IMREAD_UNCHANGED);
+    const fs::path resizedPath = fs::path(f.options.outDir) / "images" / "view02.png";
+    const cv::Mat resized = cv::imread(resizedPath.string(), cv::IMREAD_UNCHANGED);
     ASSERT_EQ(resized.size(), cv::Size(160, 120));
     for (int u = 2; u < 157; u += 7) EXPECT_NEAR(resized.at<uint8_t>(60, u), 2 * ((u + 0.5) / 1.6 - 0.5), 1.0) << u;
 
@@ -232,8 +234,8 @@ TEST(ImportPhotographs, AnOffsetLeftByAnEarlierImportGoesWhenTheModelIsNearTheOr
 TEST(ImportRefusals, UnusableLensParametersAreNamedOnOneLineAndNothingIsWritten) {
     const std::vector<std::pair<std::vector<double>, const char*>> cases = {
         {{-200, 80, 60, 0.01}, "camera 11 (SIMPLE_RADIAL): the focal length is not positive"},
-        {{200, 180, 60, 0.01}, "camera 11 (SIMPLE_RADIAL): the principal point (180.000000, 60.000000) lies outside "
-                               "the 160x120 photograph"},
+        {{200, 180, 60, 0.01},
+         "camera 11 (SIMPLE_RADIAL): the principal point (180, 60) lies outside the 160x120 photograph"},
         {{200, 80, 60, -3.0}, "camera 11 (SIMPLE_RADIAL): its distortion folds over inside the photograph"},
     };
     for (const auto& [params, message] : cases) {
@@ -246,6 +248,17 @@ TEST(ImportRefusals, UnusableLensParametersAreNamedOnOneLineAndNothingIsWritten)
         EXPECT_EQ(error.find('\n'), std::string::npos);
         EXPECT_FALSE(fs::exists(f.options.outDir));
     }
+    // Into the folder above the photographs: the undistorted view01.png
+    // would replace its original.
+    ImportFixture f;
+    f.model.cameras[11].modelId = 2, f.model.cameras[11].params = {200, 80, 60, 0.1};
+    f.writeModel(false);
+    f.options.outDir = f.dir.dir().string();
+    const std::string original = readFile(f.dir / "images" / "view01.png");
+    EXPECT_NE(f.import().find("/images/view01.png would replace a photograph of the model; choose another OUT_DIR"),
+              std::string::npos);
+    EXPECT_EQ(readFile(f.dir / "images" / "view01.png"), original);
+    EXPECT_FALSE(fs::exists(f.dir / "scene.sfm"));
 }
 
 }  // namespace

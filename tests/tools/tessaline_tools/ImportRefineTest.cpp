@@ -148,7 +148,8 @@ void shiftModel(ColmapModel& model, const double shift[3]) {
     for (ColmapImage& image : model.images) {
         double R[9];
         quaternionToRotation(image.q, R);
-        for (int r = 0; r < 3; ++r) image.t[r] -= R[3 * r] * shift[0] + R[3 * r + 1] * shift[1] + R[3 * r + 2] * shift[2];
+        for (int r = 0; r < 3; ++r)
+            image.t[r] -= R[3 * r] * shift[0] + R[3 * r + 1] * shift[1] + R[3 * r + 2] * shift[2];
     }
     for (ColmapPoint3D& p : model.points)
         for (int k = 0; k < 3; ++k) p.xyz[k] += shift[k];
