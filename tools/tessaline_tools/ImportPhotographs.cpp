@@ -147,7 +147,11 @@ LensCamera lensOfColmapCamera(const ColmapCamera& camera) {
         throw ToolError(cameraText(camera) + ": " + error);
     if (!(lens.fx > 0) || !(lens.fy > 0))
         throw ToolError(cameraText(camera) + ": the focal length is not positive");
-    if (!(lens.cx >= 0 && lens.cx <= double(camera.width) && lens.cy >= 0 && lens.cy <= double(camera.height)))
+    const bool centreInside =
+        lens.cx >= 0 && lens.cx <= double(camera.width) && lens.cy >= 0 && lens.cy <= double(camera.height);
+    // A pinhole camera may have its principal point anywhere (a cropped
+    // photograph); a distortion centred outside the photograph is a mistake.
+    if (!lens.distortion.isZero() && !centreInside)
         throw ToolError(cameraText(camera) + ": the principal point (" + plainNumber(lens.cx) + ", " +
                         plainNumber(lens.cy) + ") lies outside the " + std::to_string(camera.width) + "x" +
                         std::to_string(camera.height) + " photograph");

@@ -41,8 +41,9 @@ struct ImportView {
 
 // The camera of a COLMAP camera record, pixel centres moved to integers.
 // Throws ToolError for a model the import does not take and for parameters
-// it cannot use: a focal length that is not positive, a principal point
-// outside the photograph, a distortion that folds over inside it.
+// it cannot use: a focal length that is not positive, and, with distortion,
+// a principal point outside the photograph or a distortion that folds over
+// inside it.
 LensCamera lensOfColmapCamera(const ColmapCamera& camera);
 
 // The factor for the focal lengths described above, for a photograph of
