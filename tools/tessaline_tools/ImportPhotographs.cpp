@@ -170,7 +170,7 @@ double undistortedZoom(const LensCamera& lens, cv::Size size) {
     const double fold = foldRadius(lens.distortion);
     double low = 1.0 / kLargestZoom, high = kLargestZoom;
     if (!borderInside(lens, size, high, fold))
-        throw ToolError("no pinhole image of the photograph's size lies inside a photograph with this distortion");
+        throw ToolError("no pinhole image of the photograph's size lies inside the photograph with this distortion");
     if (borderInside(lens, size, low, fold)) return low;
     // Wider views (smaller factors) reach out of the photograph; the search
     // keeps `high` inside and `low` outside.
@@ -239,7 +239,12 @@ void planPhotographs(std::vector<ImportView>& views, cv::Size sceneSize, const s
     int undistorted = 0;
     double minZoom = HUGE_VAL, maxZoom = 0;
     for (ImportView& v : views) {
-        const double zoom = undistortedZoom(v.lens, v.modelSize);
+        double zoom = 1.0;
+        try {
+            zoom = undistortedZoom(v.lens, v.modelSize);
+        } catch (const ToolError& e) {
+            throw ToolError(v.name + ": " + e.what());
+        }
         const double sx = double(sceneSize.width) / v.modelSize.width;
         const double sy = double(sceneSize.height) / v.modelSize.height;
         v.camera.fx = v.lens.fx * zoom * sx;

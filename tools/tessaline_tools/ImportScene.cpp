@@ -275,14 +275,15 @@ void writeImport(const ImportOptions& options, const std::vector<ImportView>& vi
     if (ec || !fs::is_directory(outDir, ec)) throw ToolError("cannot make the output folder " + options.outDir);
     try {
         auto files = writeResampledPhotographs(views, scene.size, options.imageDir, options.outDir, created);
-        const std::string scenePath = (outDir / "scene.sfm").string();
-        files.push_back(std::make_unique<PendingFile>(scenePath, formatSceneFile(views, scene.box, scene.neighbours)));
         const std::string offsetPath = (outDir / "offset.txt").string();
         if (scene.offset.applied) files.push_back(std::make_unique<PendingFile>(offsetPath, offsetText(scene.offset)));
+        // The scene file is committed last: once it is there, so is all it needs.
+        const std::string scenePath = (outDir / "scene.sfm").string();
+        files.push_back(std::make_unique<PendingFile>(scenePath, formatSceneFile(views, scene.box, scene.neighbours)));
         const std::string meshPath = (outDir / "mesh.ply").string();
         if (!savePly(toTriMesh(scene.mesh), meshPath)) throw ToolError("cannot write " + meshPath);
-        for (auto& file : files) file->commit();
         if (!scene.offset.applied) fs::remove(offsetPath, ec);
+        for (auto& file : files) file->commit();
         std::cout << "wrote " << scenePath << " (" << views.size() << " cameras, " << scene.size.width << "x"
                   << scene.size.height << ") and " << meshPath << std::endl;
     } catch (...) {
