@@ -17,6 +17,7 @@
 #include <tbb/parallel_for.h>
 
 #include "MeshRayCaster.h"
+#include "SynthColmap.h"
 #include "SynthShape.h"
 #include "plyIO.h"
 
@@ -124,6 +125,7 @@ struct ViewRender {
     const TriMesh& truth;
     const std::vector<double>& normals;  // of the truth's vertices
     const mycamera& cam;
+    const tessaline_tools::LensDistortion& distortion;
     double origin[3];  // the camera centre
     double light[3];   // unit vector towards the light
     int samples;       // rays per pixel along each axis
@@ -136,7 +138,8 @@ uint8_t shadePixel(const ViewRender& view, int x, int y) {
         for (int sx = 0; sx < s; ++sx) {
             // Sub-pixel offsets are symmetric about the pixel centre (x, y).
             double dir[3];
-            pixelRay(view.cam, x + (sx + 0.5) / s - 0.5, y + (sy + 0.5) / s - 0.5, dir);
+            if (!lensPixelRay(view.cam, view.distortion, x + (sx + 0.5) / s - 0.5, y + (sy + 0.5) / s - 0.5, dir))
+                continue;
             const RayHit hit = castRay(view.caster, view.origin, dir);
             if (!hit.hit) continue;
             double p[3];
@@ -157,8 +160,10 @@ uint8_t shadePixel(const ViewRender& view, int x, int y) {
 }
 
 cv::Mat renderView(const SynthShape& shape, const MeshRayCaster& caster, const TriMesh& truth,
-                   const std::vector<double>& normals, const mycamera& cam, int width, int height, int samples) {
-    ViewRender view{shape, caster, truth, normals, cam, {0, 0, 0}, {kLight[0], kLight[1], kLight[2]}, samples};
+                   const std::vector<double>& normals, const mycamera& cam,
+                   const tessaline_tools::LensDistortion& distortion, int width, int height, int samples) {
+    ViewRender view{shape,     caster, truth, normals, cam, distortion, {0, 0, 0}, {kLight[0], kLight[1], kLight[2]},
+                    samples};
     normalise(view.light);
     for (int a = 0; a < 3; ++a)
         view.origin[a] = -(cam.R[a] * cam.t[0] + cam.R[3 + a] * cam.t[1] + cam.R[6 + a] * cam.t[2]);
@@ -220,6 +225,9 @@ std::string checkSynthOptions(const SynthOptions& o) {
     if (!(o.initialOffset >= 0.0 && o.initialOffset <= 0.2)) return "--initial-offset must be between 0 and 0.2";
     if (!(o.initialNoise >= 0.0 && o.initialNoise <= 0.05)) return "--initial-noise must be between 0 and 0.05";
     if (o.supersample < 1 || o.supersample > 8) return "--supersample must be between 1 and 8";
+    if (!tessaline_tools::isAcceptedLensModel(o.lensModel))
+        return "--lens must be one of " + tessaline_tools::acceptedLensModels();
+    if (!(o.distortion >= 0.0 && o.distortion <= 4.0)) return "--distortion must be between 0 and 4";
     return "";
 }
 
@@ -308,6 +316,12 @@ bool makeSynthScene(const SynthOptions& options, SynthScene& scene, std::string&
     shape.finestAlbedoFrequency = focal / (kFinestTexturePixels * distance);
 
     scene.neighbourLists = nearestViewNeighbours(scene.cameras);
+    scene.distortion = synthDistortion(o.lensModel, o.distortion);
+    const double corner = std::hypot(cx, cy) / focal;
+    if (!scene.distortion.isZero() && corner >= tessaline_tools::foldDistortedRadius(scene.distortion)) {
+        error = "the distortion folds over inside the image; lower --distortion";
+        return false;
+    }
 
     MeshRayCaster caster;
     buildRayCaster(caster, scene.truth);
@@ -317,7 +331,8 @@ bool makeSynthScene(const SynthOptions& options, SynthScene& scene, std::string&
         std::snprintf(name, sizeof name, "view_%03d.png", i);
         scene.imageNames.push_back(name);
         scene.images.push_back(
-            renderView(shape, caster, scene.truth, normals, scene.cameras[i], o.width, o.height, o.supersample));
+            renderView(shape, caster, scene.truth, normals, scene.cameras[i], scene.distortion, o.width, o.height,
+                       o.supersample));
     }
     return true;
 }
@@ -368,6 +383,15 @@ bool writeSynthScene(const SynthScene& scene, const std::string& folder, std::st
             return false;
         }
     }
+    if (scene.options.colmapModel || !scene.distortion.isZero()) {
+        fs::create_directories(dir / "colmap", ec);
+        const ColmapText model = colmapModelText(scene);
+        for (const auto& [name, text] :
+             {std::pair{"cameras.txt", &model.cameras}, std::pair{"images.txt", &model.images},
+              std::pair{"points3D.txt", &model.points3D}})
+            if (!writeFileAtomically((dir / "colmap" / name).string(), *text, error)) return false;
+    }
+    if (!scene.distortion.isZero()) return true;
     // The scene file comes last: once it exists, everything it names does.
     return writeFileAtomically((dir / "scene.sfm").string(), sfmText(scene), error);
 }

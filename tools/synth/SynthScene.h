@@ -31,7 +31,10 @@
 //   if (!makeSynthScene(options, scene, error)) ...;
 //   if (!writeSynthScene(scene, "out/dir", error)) ...;
 // The written folder holds scene.sfm (image names relative to the folder),
-// view_NNN.png, truth.ply and initial.ply.
+// view_NNN.png, truth.ply and initial.ply; with a COLMAP model, colmap/ with
+// cameras.txt, images.txt and points3D.txt (image names relative to the
+// folder). Photographs with lens distortion get no scene.sfm: the refiner
+// takes pinhole cameras only, and the COLMAP model describes them.
 #pragma once
 
 #include <cstdint>
@@ -40,6 +43,7 @@
 
 #include <opencv2/core.hpp>
 
+#include "LensModel.h"
 #include "SynthShape.h"
 #include "TriMesh.h"
 #include "mycamera.h"
@@ -78,6 +82,14 @@ struct SynthOptions {
     double initialNoise = 0.0;
     // Rays per pixel along each axis.
     int supersample = 2;
+    // The camera model of the photographs: PINHOLE, or SIMPLE_RADIAL,
+    // RADIAL, OPENCV or FULL_OPENCV, whose photographs are rendered with
+    // the distortion of synthDistortion (SynthColmap.h) at `distortion`.
+    std::string lensModel = "PINHOLE";
+    double distortion = 1.0;
+    // Also write the scene as a COLMAP text model into OUT_DIR/colmap;
+    // always done for a lens with distortion.
+    bool colmapModel = false;
 };
 
 // The tool drops facets within 10 pixels of the border at every image level,
@@ -100,6 +112,7 @@ struct SynthScene {
     float boundingBox[6] = {0, 0, 0, 0, 0, 0};  // lower x,y,z then upper x,y,z
     double centre[3] = {0, 0, 0};  // point every camera looks at
     double truthDiagonal = 0.0;    // bounding-box diagonal of the truth
+    tessaline_tools::LensDistortion distortion;  // of the photographs
 };
 
 // Builds the meshes, cameras, neighbour lists and photographs. Returns false
@@ -107,7 +120,8 @@ struct SynthScene {
 bool makeSynthScene(const SynthOptions& options, SynthScene& scene, std::string& error);
 
 // Writes the scene into `folder` (created when missing): the photographs,
-// truth.ply, initial.ply and, last, scene.sfm. Every file is written under a
+// truth.ply, initial.ply, the COLMAP model when asked for, and, last,
+// scene.sfm unless the photographs have lens distortion. Every file is written under a
 // temporary name in the folder and renamed into place. Returns false with
 // `error` set when something could not be written.
 bool writeSynthScene(const SynthScene& scene, const std::string& folder, std::string& error);

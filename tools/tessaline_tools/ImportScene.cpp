@@ -13,6 +13,8 @@
 #include <opencv2/imgcodecs.hpp>
 
 #include "FileIO.h"
+#include "ImportPhotographs.h"
+#include "SceneOffset.h"
 #include "ToolError.h"
 #include "plyIO.h"
 
@@ -24,50 +26,21 @@ namespace {
 
 constexpr double kGoodAngleDeg = 5.0;
 constexpr double kBoxPadding = 0.05;
-constexpr size_t kMaxPathLength = 1023;
-
-struct View {
-    int modelIndex = 0;  // into model.images
-    std::string name;
-    std::string scenePath;
-    mycamera camera;
-};
-
-bool hasBlank(const std::string& s) {
-    return std::any_of(s.begin(), s.end(), [](unsigned char c) { return std::isspace(c) != 0; });
-}
 
 bool isImageFile(const fs::path& p) {
-    std::string ext = p.extension().string();
-    for (char& c : ext) c = char(std::tolower(static_cast<unsigned char>(c)));
+    const std::string ext = lowerCaseExtension(p.string());
     static const std::set<std::string> exts = {".png", ".jpg", ".jpeg", ".tif", ".tiff", ".bmp",
                                                ".ppm", ".pgm",  ".pnm",  ".webp", ".jp2"};
     return exts.count(ext) > 0;
 }
 
-// The path written into the scene file for a photograph.
-std::string scenePathFor(const fs::path& image, const fs::path& outDir) {
-    const fs::path abs = fs::weakly_canonical(fs::absolute(image));
-    const fs::path rel = abs.lexically_relative(fs::weakly_canonical(fs::absolute(outDir)));
-    std::string path = rel.empty() ? abs.string() : rel.generic_string();
-    if (hasBlank(path) && !hasBlank(abs.string())) path = abs.string();
-    if (hasBlank(path))
-        throw ToolError("the path of the photograph " + abs.string() +
-                        " holds a blank, which the scene file cannot hold; move or rename it");
-    if (path.size() > kMaxPathLength)
-        throw ToolError("the path of the photograph " + abs.string() + " is " + std::to_string(path.size()) +
-                        " characters long as the scene file would give it; the tool takes at most " +
-                        std::to_string(kMaxPathLength));
-    return path;
-}
-
-std::string formatSceneFile(const std::vector<View>& views, const double box[6],
+std::string formatSceneFile(const std::vector<ImportView>& views, const double box[6],
                             const std::vector<std::vector<int>>& neighbours) {
     std::ostringstream out;
     out.imbue(std::locale::classic());
     out.precision(17);
     out << views.size() << "\n";
-    for (const View& v : views) {
+    for (const ImportView& v : views) {
         out << v.scenePath;
         for (double r : v.camera.R) out << ' ' << r;
         for (double t : v.camera.t) out << ' ' << t;
@@ -102,30 +75,12 @@ void quaternionToRotation(const double q[4], double R[9]) {
 }
 
 mycamera cameraFromColmap(const ColmapCamera& camera, const ColmapImage& image) {
-    const ColmapCameraModel* cm = colmapCameraModelById(camera.modelId);
-    const std::string modelName = cm ? cm->name : std::to_string(camera.modelId);
+    const LensCamera lens = lensOfColmapCamera(camera);
     mycamera c;
-    if (cm && std::string(cm->name) == "SIMPLE_PINHOLE") {
-        c.fx = c.fy = camera.params[0];
-        c.cx = camera.params[1];
-        c.cy = camera.params[2];
-    } else if (cm && std::string(cm->name) == "PINHOLE") {
-        c.fx = camera.params[0];
-        c.fy = camera.params[1];
-        c.cx = camera.params[2];
-        c.cy = camera.params[3];
-    } else {
-        throw ToolError("camera " + std::to_string(camera.id) + " of image " + image.name + " uses the model " +
-                        modelName +
-                        ", which has lens distortion; the tool needs pinhole cameras. Undistort the images first "
-                        "with COLMAP's image_undistorter (it writes PINHOLE cameras and the undistorted "
-                        "photographs) and import its output");
-    }
-    if (!(c.fx > 0) || !(c.fy > 0))
-        throw ToolError("camera " + std::to_string(camera.id) + " has a focal length that is not positive");
-    // COLMAP: top-left pixel centre at (0.5, 0.5). Here: at (0, 0).
-    c.cx -= 0.5;
-    c.cy -= 0.5;
+    c.fx = lens.fx;
+    c.fy = lens.fy;
+    c.cx = lens.cx;
+    c.cy = lens.cy;
     quaternionToRotation(image.q, c.R);
     for (int k = 0; k < 3; ++k) c.t[k] = image.t[k];
     updateIntrinsicMatrices(c);
@@ -207,6 +162,15 @@ void paddedMeshBox(const MeshData& mesh, double box[6]) {
 
 namespace {
 
+// What an import writes, besides the cameras.
+struct ImportScene {
+    MeshData mesh;  // moved by the offset
+    cv::Size size;  // of every photograph in scene.sfm
+    std::vector<std::vector<int>> neighbours;
+    SceneOffset offset;
+    double box[6] = {0, 0, 0, 0, 0, 0};
+};
+
 ColmapModel readAndReportModel(const std::string& modelDir) {
     ColmapModel model = readColmapModel(modelDir);
     std::cout << "model " << modelDir << " (" << (model.format == ColmapFormat::Binary ? "binary" : "text")
@@ -226,67 +190,30 @@ MeshData readAndReportMesh(const std::string& meshPath) {
 }
 
 // The registered images as cameras, ordered by image name.
-std::vector<View> viewsByName(const ColmapModel& model) {
-    std::vector<View> views(model.images.size());
+std::vector<ImportView> viewsByName(const ColmapModel& model) {
+    std::vector<ImportView> views(model.images.size());
     for (size_t i = 0; i < model.images.size(); ++i) views[i].modelIndex = int(i);
-    std::sort(views.begin(), views.end(), [&](const View& a, const View& b) {
+    std::sort(views.begin(), views.end(), [&](const ImportView& a, const ImportView& b) {
         return model.images[size_t(a.modelIndex)].name < model.images[size_t(b.modelIndex)].name;
     });
     if (views.size() < 2)
         throw ToolError("the model registers " + std::to_string(views.size()) + " images; the tool needs at least two");
-    for (View& v : views) {
+    for (ImportView& v : views) {
         const ColmapImage& image = model.images[size_t(v.modelIndex)];
+        const ColmapCamera& camera = model.cameras.at(image.cameraId);
         v.name = image.name;
-        v.camera = cameraFromColmap(model.cameras.at(image.cameraId), image);
+        v.lens = lensOfColmapCamera(camera);
+        v.modelSize = cv::Size(int(camera.width), int(camera.height));
+        quaternionToRotation(image.q, v.camera.R);
+        for (int k = 0; k < 3; ++k) v.camera.t[k] = image.t[k];
     }
     return views;
 }
 
-// One photograph, grey, of the size its camera in the model has.
-cv::Mat readPhotograph(const fs::path& file, const View& v, const ColmapCamera& cam) {
-    cv::Mat img;
-    try {
-        img = cv::imread(file.string(), cv::IMREAD_GRAYSCALE);
-    } catch (const cv::Exception&) {
-    }
-    if (img.empty()) throw ToolError("cannot read the photograph " + file.string());
-    if (uint64_t(img.cols) != cam.width || uint64_t(img.rows) != cam.height)
-        throw ToolError("the photograph " + v.name + " is " + std::to_string(img.cols) + "x" +
-                        std::to_string(img.rows) + " but its camera in the model is " + std::to_string(cam.width) +
-                        "x" + std::to_string(cam.height) + "; give the folder of the images the model was made from");
-    return img;
-}
-
-// Every view's photograph must be readable, of its camera's size, and all of
-// one size, which is returned; each view gets its path in the scene file.
-cv::Size checkPhotographs(const ColmapModel& model, std::vector<View>& views, const ImportOptions& options) {
-    const fs::path imageDir(options.imageDir);
-    std::error_code ec;
-    if (!fs::is_directory(imageDir, ec)) throw ToolError("the image folder " + options.imageDir + " does not exist");
-    cv::Size size(-1, -1);
-    std::string firstName;
-    for (View& v : views) {
-        const fs::path file = imageDir / v.name;
-        if (!fs::is_regular_file(file, ec))
-            throw ToolError("the model's image " + v.name + " is not in " + options.imageDir);
-        const cv::Mat img = readPhotograph(file, v, model.cameras.at(model.images[size_t(v.modelIndex)].cameraId));
-        if (size.width < 0) {
-            size = img.size();
-            firstName = v.name;
-        } else if (img.size() != size) {
-            throw ToolError("the photographs differ in size: " + firstName + " is " + std::to_string(size.width) +
-                            "x" + std::to_string(size.height) + ", " + v.name + " is " + std::to_string(img.cols) +
-                            "x" + std::to_string(img.rows) + "; the tool needs one size for all of them");
-        }
-        v.scenePath = scenePathFor(file, options.outDir);
-    }
-    return size;
-}
-
 // Names the photographs in the folder that the model left out.
-void reportLeftOut(const std::vector<View>& views, const fs::path& imageDir) {
+void reportLeftOut(const std::vector<ImportView>& views, const fs::path& imageDir) {
     std::set<std::string> registered;
-    for (const View& v : views) registered.insert(v.name);
+    for (const ImportView& v : views) registered.insert(v.name);
     std::vector<std::string> leftOut;
     std::error_code ec;
     for (auto it = fs::recursive_directory_iterator(imageDir, fs::directory_options::skip_permission_denied, ec);
@@ -316,7 +243,7 @@ void checkPointsInBox(const ColmapModel& model, const double box[6]) {
                   << " points lie in the mesh's box; is the mesh in the model's frame?" << std::endl;
 }
 
-void printNeighboursAndBox(const std::vector<View>& views, const std::vector<std::vector<int>>& neighbours,
+void printNeighboursAndBox(const std::vector<ImportView>& views, const std::vector<std::vector<int>>& neighbours,
                            const double box[6]) {
     for (size_t i = 0; i < views.size(); ++i) {
         std::cout << "camera " << i << " " << views[i].name << ": neighbours";
@@ -328,48 +255,84 @@ void printNeighboursAndBox(const std::vector<View>& views, const std::vector<std
               << ' ' << box[5] << std::endl;
 }
 
-// Writes scene.sfm and mesh.ply into the output folder (made if missing,
-// and removed again when it was made here and nothing could be written).
-void writeImport(const ImportOptions& options, const std::vector<View>& views, const double box[6],
-                 const std::vector<std::vector<int>>& neighbours, const MeshData& mesh, cv::Size size) {
+// Removes the folders made by a failed import (only while they are empty),
+// the last made first.
+void removeFolders(const std::vector<std::string>& folders) {
+    std::error_code ec;
+    for (auto it = folders.rbegin(); it != folders.rend(); ++it) fs::remove(*it, ec);
+}
+
+// Writes the resampled photographs, scene.sfm, mesh.ply and, for a moved
+// model, offset.txt into the output folder (made if missing, and removed
+// again when it was made here and nothing could be written). An offset.txt
+// left by an earlier import into the folder goes.
+void writeImport(const ImportOptions& options, const std::vector<ImportView>& views, const ImportScene& scene) {
     const fs::path outDir(options.outDir);
     std::error_code ec;
-    const bool created = !fs::exists(outDir, ec);
+    std::vector<std::string> created;
+    if (!fs::exists(outDir, ec)) created.push_back(outDir.string());
     fs::create_directories(outDir, ec);
     if (ec || !fs::is_directory(outDir, ec)) throw ToolError("cannot make the output folder " + options.outDir);
     try {
+        auto files = writeResampledPhotographs(views, scene.size, options.imageDir, options.outDir, created);
+        const std::string offsetPath = (outDir / "offset.txt").string();
+        if (scene.offset.applied) files.push_back(std::make_unique<PendingFile>(offsetPath, offsetText(scene.offset)));
+        // The scene file is committed last: once it is there, so is all it needs.
         const std::string scenePath = (outDir / "scene.sfm").string();
-        PendingFile scene(scenePath, formatSceneFile(views, box, neighbours));
+        files.push_back(std::make_unique<PendingFile>(scenePath, formatSceneFile(views, scene.box, scene.neighbours)));
         const std::string meshPath = (outDir / "mesh.ply").string();
-        if (!savePly(toTriMesh(mesh), meshPath)) throw ToolError("cannot write " + meshPath);
-        scene.commit();
-        std::cout << "wrote " << scenePath << " (" << views.size() << " cameras, " << size.width << "x"
-                  << size.height << ") and " << meshPath << std::endl;
+        if (!savePly(toTriMesh(scene.mesh), meshPath)) throw ToolError("cannot write " + meshPath);
+        if (!scene.offset.applied) fs::remove(offsetPath, ec);
+        for (auto& file : files) file->commit();
+        std::cout << "wrote " << scenePath << " (" << views.size() << " cameras, " << scene.size.width << "x"
+                  << scene.size.height << ") and " << meshPath << std::endl;
     } catch (...) {
-        if (created) fs::remove(outDir, ec);  // removes it only while it is empty
+        removeFolders(created);
         throw;
     }
+}
+
+// Moves mesh, cameras and the model's points by the offset the mesh calls
+// for, and says so.
+SceneOffset moveNearOrigin(MeshData& mesh, std::vector<ImportView>& views, ColmapModel& model) {
+    const SceneOffset offset = chooseOffset(mesh);
+    if (!offset.applied) return offset;
+    shiftMesh(mesh, offset);
+    for (ImportView& v : views) shiftTranslation(v.camera.R, v.camera.t, offset);
+    for (ColmapPoint3D& p : model.points)
+        for (int k = 0; k < 3; ++k) p.xyz[k] -= offset.xyz[k];
+    std::string text = offsetText(offset);
+    text.pop_back();
+    std::cout << "the model lies far from the origin: moved by -(" << text
+              << "); offset.txt holds the offset to add back to refined meshes" << std::endl;
+    return offset;
 }
 
 }  // namespace
 
 void runImport(const ImportOptions& options) {
     if (options.neighbours < 1) throw ToolError("--neighbours must be at least 1");
-    const ColmapModel model = readAndReportModel(options.modelDir);
-    const MeshData mesh = readAndReportMesh(options.meshPath);
-    std::vector<View> views = viewsByName(model);
-    const cv::Size size = checkPhotographs(model, views, options);
+    ColmapModel model = readAndReportModel(options.modelDir);
+    ImportScene scene;
+    scene.mesh = readAndReportMesh(options.meshPath);
+    std::vector<ImportView> views = viewsByName(model);
+    scene.size = checkPhotographs(views, options.imageDir);
     reportLeftOut(views, fs::path(options.imageDir));
+    planPhotographs(views, scene.size, options.imageDir, options.outDir);
 
     std::vector<int> order;
-    for (const View& v : views) order.push_back(v.modelIndex);
-    const std::vector<std::vector<int>> neighbours = rankNeighbours(model, order, options.neighbours);
-    double box[6];
-    paddedMeshBox(mesh, box);
-    checkPointsInBox(model, box);
-    printNeighboursAndBox(views, neighbours, box);
+    for (const ImportView& v : views) order.push_back(v.modelIndex);
+    scene.neighbours = rankNeighbours(model, order, options.neighbours);
+    scene.offset = moveNearOrigin(scene.mesh, views, model);
+    for (ImportView& v : views) {
+        updateIntrinsicMatrices(v.camera);
+        updateProjectionMatrix(v.camera);
+    }
+    paddedMeshBox(scene.mesh, scene.box);
+    checkPointsInBox(model, scene.box);
+    printNeighboursAndBox(views, scene.neighbours, scene.box);
     // Everything is checked; now write.
-    writeImport(options, views, box, neighbours, mesh, size);
+    writeImport(options, views, scene);
 }
 
 }  // namespace tessaline_tools

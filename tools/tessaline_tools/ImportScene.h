@@ -12,6 +12,10 @@
 //    a, weak depth) count for little; a point with a useful angle counts 1.
 //    Each image lists up to K others with a positive score, best first, ties
 //    to the lower camera index.
+//  - Camera models: the pinhole ones, and SIMPLE_RADIAL, RADIAL, OPENCV and
+//    FULL_OPENCV, whose photographs are resampled without their distortion
+//    and to one size (ImportPhotographs.h).
+//  - A model far from the origin is moved near it (SceneOffset.h).
 //  - Bounding box: the mesh's box, padded on every side by 5% of its longest
 //    side. The tool only prints the box; the mesh is what the user chose to
 //    refine, while the model's points may hold stray outliers.
@@ -42,8 +46,9 @@ struct ImportOptions {
 void quaternionToRotation(const double q[4], double R[9]);
 
 // The tool's camera for a registered image: R and t as the model has them,
-// fx, fy, cx, cy in the tool's pixel convention; K, K_inv and P set too.
-// Throws ToolError for a camera model with lens distortion.
+// the pinhole part of its camera (fx, fy, cx, cy) in the tool's pixel
+// convention; K, K_inv and P set too. Throws ToolError for a camera model the
+// import does not take or parameters it cannot use (lensOfColmapCamera).
 mycamera cameraFromColmap(const ColmapCamera& camera, const ColmapImage& image);
 
 // Neighbour lists by the rule above; `order` gives, for each scene camera, its
@@ -55,7 +60,9 @@ std::vector<std::vector<int>> rankNeighbours(const ColmapModel& model, const std
 void paddedMeshBox(const MeshData& mesh, double box[6]);
 
 // Runs the whole import; prints progress; throws ToolError. Nothing is
-// written unless every check has passed.
+// written unless every check has passed. Writes OUT_DIR/scene.sfm,
+// OUT_DIR/mesh.ply, the resampled photographs under OUT_DIR/images and, for a
+// model moved near the origin, OUT_DIR/offset.txt.
 void runImport(const ImportOptions& options);
 
 }  // namespace tessaline_tools

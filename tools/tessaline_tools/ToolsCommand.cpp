@@ -21,7 +21,10 @@ int runToolsCommand(int argc, char** argv) {
     CLI::App* import = app.add_subcommand(
         "import",
         "Write OUT_DIR/scene.sfm and OUT_DIR/mesh.ply from a COLMAP model (text or binary), its photographs and a "
-        "mesh (PLY or OBJ), so that `cd OUT_DIR && tessaline_refine scene.sfm mesh.ply refined.ply` runs.");
+        "mesh (PLY or OBJ), so that `cd OUT_DIR && tessaline_refine scene.sfm mesh.ply refined.ply` runs. Cameras "
+        "with lens distortion (SIMPLE_RADIAL, RADIAL, OPENCV, FULL_OPENCV) and photographs of other sizes are "
+        "resampled into OUT_DIR/images; a model far from the origin is moved near it, and OUT_DIR/offset.txt holds "
+        "the offset to add back.");
     import->add_option("MODEL_DIR", importOptions.modelDir,
                        "folder with cameras, images and points3D (.bin or .txt)")->required();
     import->add_option("IMAGE_DIR", importOptions.imageDir, "folder the model's image names are relative to")

@@ -128,10 +128,8 @@ TEST(ImportRefusals, EachProblemIsNamedAndNothingIsWritten) {
     using F = ImportFixture&;
     const std::vector<std::pair<std::function<void(F)>, const char*>> cases = {
         // The photographs and the cameras.
-        {[](F f) { f.model.cameras[11].modelId = 2, f.model.cameras[11].params = {200, 80, 60, 0.01}; },
-         "image_undistorter"},
-        {[](F f) { f.model.cameras[12].width = 100, writeGreyImage(f.dir / "images" / f.ring.names[2], 100, 120); },
-         "the photographs differ in size"},
+        {[](F f) { f.model.cameras[11].modelId = 5, f.model.cameras[11].params = {200, 200, 80, 60, 0, 0, 0, 0}; },
+         "camera 11 (OPENCV_FISHEYE): the camera model OPENCV_FISHEYE is not one the import accepts"},
         {[](F f) { writeGreyImage(f.dir / "images" / f.ring.names[1], 80, 60); },
          "but its camera in the model is 160x120"},
         {[](F f) { fs::remove(f.dir / "images" / f.ring.names[3]); }, "is not in"},
