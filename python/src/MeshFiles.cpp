@@ -44,14 +44,19 @@ bool writeMesh(const std::string& path, const TriMesh& mesh, std::string& error)
 TriMesh loadMeshFile(const std::string& path) {
     TriMesh mesh;
     std::string failure;
-    runCaptured([&](OutputCapture&) {
-        if (startsWithPly(path) && loadPly(mesh, path)) return;
+    bool triedToolReader = false;
+    const std::vector<std::string> lines = runCaptured([&](OutputCapture&) {
+        triedToolReader = startsWithPly(path);
+        if (triedToolReader && loadPly(mesh, path)) return;
         try {
             mesh = tessaline_tools::toTriMesh(tessaline_tools::readMeshFile(path));
         } catch (const tessaline_tools::ToolError& e) {
             failure = e.what();
         }
     });
+    // A PLY file that neither reader takes: the message tessaline_refine
+    // prints for it.
+    if (!failure.empty() && triedToolReader) failure = failureMessage(lines);
     if (!failure.empty()) throw nb::value_error(failure.c_str());
     return mesh;
 }
