@@ -69,17 +69,30 @@ bool afterIteration(RefineCall& call, long long done, long long total) {
     return !call.error;
 }
 
-// The device named by "auto", "cpu", "cuda" or "cuda:N".
-DeviceHandle chooseDevice(const std::string& name, RunContext context) {
-    if (name == "cpu") return cpuDevice(context);
-    if (name == "auto") return setupDevice(0, context).device;
-    const bool cuda = name == "cuda" || name.rfind("cuda:", 0) == 0;
-    const int index = name.size() > 5 ? std::atoi(name.c_str() + 5) : 0;
-    if (!cuda || index < 0 || (name.size() > 5 && std::to_string(index) != name.substr(5)))
+// A device named by "auto", "cpu", "cuda" or "cuda:N".
+struct DeviceRequest {
+    enum Kind { Auto, Cpu, Cuda } kind = Auto;
+    int index = 0;
+};
+
+DeviceRequest parseDevice(const std::string& name) {
+    if (name == "auto") return {DeviceRequest::Auto, 0};
+    if (name == "cpu") return {DeviceRequest::Cpu, 0};
+    if (name == "cuda") return {DeviceRequest::Cuda, 0};
+    const std::string digits = name.rfind("cuda:", 0) == 0 ? name.substr(5) : "";
+    if (digits.empty() || digits.size() > 4 || digits.find_first_not_of("0123456789") != std::string::npos)
         throw nb::value_error(("unknown device '" + name + "'; use auto, cpu, cuda or cuda:N").c_str());
+    return {DeviceRequest::Cuda, std::stoi(digits)};
+}
+
+// The device for a request; runs under the library lock, since starting a
+// CUDA device resets it.
+DeviceHandle startDevice(const DeviceRequest& request, const RunContext& context) {
+    if (request.kind == DeviceRequest::Cpu) return cpuDevice(context);
+    if (request.kind == DeviceRequest::Auto) return setupDevice(0, context).device;
     if (!cudaDeviceAvailable()) throw DeviceFailure("no CUDA device: this build has no CUDA backend or none answers");
-    if (index >= cudaDeviceCount()) throw DeviceFailure("there is no CUDA device " + std::to_string(index));
-    return setupDevice(index, context).device;
+    if (request.index >= cudaDeviceCount()) throw DeviceFailure("there is no CUDA device " + std::to_string(request.index));
+    return setupDevice(request.index, context).device;
 }
 
 void checkInputs(const SfmScene& scene, const TriMesh& mesh, int finestLevel) {
@@ -101,14 +114,14 @@ TriMesh refine(const SfmScene& scene, const TriMesh& mesh, int finestLevel, cons
     RunContext context;
     context.threads = threads;
     context.onIteration = [&call](long long done, long long total) { return afterIteration(call, done, total); };
-    const DeviceHandle handle = chooseDevice(device, context);
+    const DeviceRequest request = parseDevice(device);
     TriMesh result = mesh;
     bool completed = false;
     std::exception_ptr thrown;
     const std::vector<std::string> lines = runCaptured([&](OutputCapture& capture) {
         call.capture = &capture;
         try {
-            completed = runLevels(result, scene, finestLevel, handle, settings);
+            completed = runLevels(result, scene, finestLevel, startDevice(request, context), settings);
         } catch (...) {
             thrown = std::current_exception();
         }
