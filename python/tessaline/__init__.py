@@ -131,7 +131,7 @@ class Mesh:
 
         return open3d.geometry.TriangleMesh(
             open3d.utility.Vector3dVector(self.vertices.astype(np.float64)),
-            open3d.utility.Vector3iVector(self.facets),
+            open3d.utility.Vector3iVector(np.array(self.facets)),
         )
 
     @classmethod
