@@ -2,8 +2,10 @@
 and refusals."""
 
 import _thread
+import shutil
 import subprocess
 import threading
+import time
 
 import numpy as np
 import pytest
@@ -43,12 +45,14 @@ class Stop(Exception):
     pass
 
 
-def test_progress_exception_stops_the_run_and_leaves_the_mesh(small_scene, temple_mesh):
+def test_progress_exception_stops_the_run_and_leaves_the_mesh(small_scene, temple_mesh, capfd):
+    """The library's lines are held back; what the callback prints is not."""
     before = temple_mesh.vertices.copy()
     calls = []
 
     def progress(level, iteration, iterations):
         calls.append(iteration)
+        print(f"callback {iteration}")
         if iteration == 3:
             raise Stop()
 
@@ -56,18 +60,25 @@ def test_progress_exception_stops_the_run_and_leaves_the_mesh(small_scene, templ
         tessaline.refine(small_scene, temple_mesh, finest_level=2, device="cpu", progress=progress)
     assert calls == [1, 2, 3]
     np.testing.assert_array_equal(temple_mesh.vertices, before)
+    assert capfd.readouterr().out == "callback 1\ncallback 2\ncallback 3\n"
 
 
 def test_ctrl_c_stops_between_iterations(small_scene, temple_mesh):
-    """The signal arrives while the library runs without the Python lock;
-    the next iteration's check raises KeyboardInterrupt."""
+    """The signal arrives while the library runs without the Python lock
+    (the callback has long returned); the next iteration's check raises
+    KeyboardInterrupt."""
     started, calls = threading.Event(), []
 
     def progress(level, iteration, iterations):
         calls.append(iteration)
         started.set()
 
-    interrupter = threading.Thread(target=lambda: started.wait(60) and _thread.interrupt_main())
+    def interrupt():
+        if started.wait(60):
+            time.sleep(0.05)
+            _thread.interrupt_main()
+
+    interrupter = threading.Thread(target=interrupt)
     interrupter.start()
     try:
         with pytest.raises(KeyboardInterrupt):
@@ -100,8 +111,6 @@ def test_cuda_without_a_device_is_a_device_error(small_scene, temple_mesh):
 
 
 def test_images_of_different_sizes_from_a_scene_file(tmp_path, temple_dir, temple_mesh):
-    import shutil
-
     shutil.copy(temple_dir / "templeSR0001.png", tmp_path / "a.png")
     (tmp_path / "b.pgm").write_bytes(b"P5 4 4 255\n" + bytes(16))
     pose = "1 0 0 0 1 0 0 0 1 0 0 2 100 100 1.5 1.5"
