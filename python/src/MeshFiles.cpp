@@ -31,7 +31,9 @@ bool hasExtension(const std::string& path, const std::string& extension) {
 bool writableFormat(const std::string& path) { return hasExtension(path, ".ply"); }
 
 // The one place that chooses the writer: the tool's ASCII PLY writer for
-// now. False with `error` set when the file was not written.
+// now. The front end's writers (writeMeshFile: binary PLY, OBJ, GLB) take
+// its place here, and widen writableFormat, once they are in the tree.
+// False with `error` set when the file was not written.
 bool writeMesh(const std::string& path, const TriMesh& mesh, std::string& error) {
     bool saved = false;
     runCaptured([&](OutputCapture&) { saved = savePly(mesh, path); });
