@@ -9,7 +9,8 @@ cd "$(dirname "$0")/.."
 venv=build/pyvenv
 rm -rf "$venv"
 python3 -m venv "$venv"
-"$venv/bin/python" -m pip install -q --disable-pip-version-check numpy pytest
+# trimesh is light: its conversions get tested (Open3D and pycolmap only where installed).
+"$venv/bin/python" -m pip install -q --disable-pip-version-check numpy pytest trimesh
 launcher=()
 if command -v ccache >/dev/null; then
   launcher=(-Ccmake.define.CMAKE_CXX_COMPILER_LAUNCHER=ccache -Ccmake.define.CMAKE_C_COMPILER_LAUNCHER=ccache)
