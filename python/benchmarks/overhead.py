@@ -10,6 +10,7 @@ Run it with the Python of an environment where the package is installed.
 
 import argparse
 import os
+import resource
 import statistics
 import subprocess
 import sys
@@ -30,10 +31,17 @@ print(loaded - start, refined_at - loaded)
 """
 
 
+def children_cpu_seconds():
+    usage = resource.getrusage(resource.RUSAGE_CHILDREN)
+    return usage.ru_utime + usage.ru_stime
+
+
 def timed(command, cwd):
-    start = time.perf_counter()
+    """Wall-clock and processor seconds of a command, and its output. On a
+    machine shared with other work the processor time is the steadier one."""
+    start, cpu = time.perf_counter(), children_cpu_seconds()
     out = subprocess.run(command, cwd=cwd, stdout=subprocess.PIPE, text=True)
-    return time.perf_counter() - start, out.stdout
+    return time.perf_counter() - start, children_cpu_seconds() - cpu, out.stdout
 
 
 def import_seconds():
@@ -58,22 +66,24 @@ def main():
     parser.add_argument("--rounds", type=int, default=2)
     args = parser.parse_args()
     print(f"import tessaline: {import_seconds() * 1000:.0f} ms (median of 5 fresh processes, less bare start-up)")
-    tool_times, python_times = [], []
+    tool_runs, python_runs = [], []
     with tempfile.TemporaryDirectory() as out:
         for _ in range(args.rounds):
-            seconds, _ = timed([os.path.abspath(args.tool), "temple.sfm", "temple_hull.ply",
-                                f"{out}/tool.ply", str(args.level)], args.temple)
-            tool_times.append(seconds)
-            seconds, parts = timed([sys.executable, "-c", PYTHON_RUN, f"{out}/python.ply", str(args.level)],
-                                   args.temple)
-            python_times.append(seconds)
-            print(f"tool {tool_times[-1]:.2f} s, python {python_times[-1]:.2f} s "
-                  f"(load {float(parts.split()[0]):.2f} s, refine {float(parts.split()[1]):.2f} s)")
+            tool_runs.append(timed([os.path.abspath(args.tool), "temple.sfm", "temple_hull.ply",
+                                    f"{out}/tool.ply", str(args.level)], args.temple))
+            python_runs.append(timed([sys.executable, "-c", PYTHON_RUN, f"{out}/python.ply", str(args.level)],
+                                     args.temple))
+            (tool_wall, tool_cpu, _), (wall, cpu, parts) = tool_runs[-1], python_runs[-1]
+            load, refine = (float(x) for x in parts.split())
+            print(f"tool {tool_wall:.2f} s ({tool_cpu:.2f} s cpu), python {wall:.2f} s ({cpu:.2f} s cpu; "
+                  f"load {load:.2f} s, refine {refine:.2f} s)")
         same = open(f"{out}/tool.ply", "rb").read() == open(f"{out}/python.ply", "rb").read()
-    tool, python = statistics.median(tool_times), statistics.median(python_times)
-    print(f"level {args.level}: tool {tool:.2f} s, python {python:.2f} s, "
-          f"overhead {python - tool:+.2f} s ({(python / tool - 1) * 100:+.1f}%), same bytes: {same}")
-
+    for what, index in (("wall", 0), ("cpu", 1)):
+        tool = statistics.median(run[index] for run in tool_runs)
+        python = statistics.median(run[index] for run in python_runs)
+        print(f"level {args.level}, median {what}: tool {tool:.2f} s, python {python:.2f} s, "
+              f"overhead {python - tool:+.2f} s ({(python / tool - 1) * 100:+.1f}%)")
+    print(f"same bytes: {same}")
 
 if __name__ == "__main__":
     main()
