@@ -18,6 +18,7 @@ Ctrl-C stops a refinement after the iteration that is running.
 from __future__ import annotations
 
 import os
+from dataclasses import dataclass
 from typing import Any, Callable, Optional, Sequence
 
 import numpy as np
@@ -27,6 +28,8 @@ from ._core import DeviceError
 
 __all__ = [
     "DeviceError",
+    "LevelMemory",
+    "MemoryEstimate",
     "Mesh",
     "Scene",
     "cuda_available",
@@ -317,9 +320,35 @@ def refine(
     return Mesh._wrap(core_mesh)
 
 
-def estimate_memory(scene: Scene, mesh: Mesh, finest_level: int = 0, device: str = "auto") -> int:
-    """The memory, in bytes, that ``refine`` with these arguments would need
-    on ``device`` (host memory for the CPU backend).
+@dataclass(frozen=True)
+class LevelMemory:
+    """What one level of a refinement needs: the facets after its
+    subdivision, host bytes (the kernels' memory included on the CPU
+    backend) and device bytes (zero on the CPU backend)."""
+
+    level: int
+    facets: int
+    host_bytes: int
+    device_bytes: int
+
+
+@dataclass(frozen=True)
+class MemoryEstimate:
+    levels: list[LevelMemory]  # coarsest first
+    peak_host_bytes: int
+    peak_device_bytes: int
+
+
+def estimate_memory(
+    scene: Scene,
+    mesh: Mesh,
+    finest_level: int = 0,
+    preset: Optional[str] = None,
+    device: str = "auto",
+    threads: Optional[int] = None,
+) -> MemoryEstimate:
+    """What ``refine`` with these arguments would need in memory, per level
+    and at its peak, on the host and on the device.
 
     Not available yet: the estimate is a library function of the command
     line's front end, which this package will call once it is in the tree.
