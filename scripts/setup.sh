@@ -5,7 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(build-essential cmake pkg-config libopencv-dev libgtest-dev libcli11-dev libcgal-dev libtbb-dev libtinygltf-dev
-          clang-14 libclang-rt-14-dev llvm-14 libopenmpi-dev openmpi-bin python3-venv)
+          clang-14 libclang-rt-14-dev llvm-14 libopenmpi-dev openmpi-bin python3-venv python3-dev)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
