@@ -1,7 +1,5 @@
 #include "MemoryCheck.h"
 
-#include <tbb/info.h>
-
 #include <algorithm>
 #include <cmath>
 #include <iostream>
@@ -20,29 +18,16 @@ constexpr double kMiB = 1024.0 * 1024.0;
 
 long long mib(uint64_t bytes) { return std::llround(double(bytes) / kMiB); }
 
-int pairsAtOnce(const RefineRequest& request, const DeviceSetup& setup, size_t cameras) {
-    if (setup.device.backend == DeviceBackend::Cuda) return 1;
-    int threads = request.threads > 0 ? request.threads : setup.device.context.threads;
-    if (threads <= 0) threads = tbb::info::default_concurrency();
-    return int(std::min<size_t>(size_t(std::max(1, threads)), cameras));
-}
-
-RunShape shapeOfRun(const RefineRequest& request, const SfmScene& scene, const std::vector<ImageSize>& sizes,
-                    const TriMesh& mesh, const DeviceSetup& setup) {
-    RunShape shape;
-    shape.photosOnDisk = sizes;
-    const double scale = scaleForLongestSide(sizes, request.maxImageSide);
-    shape.photos = scaledSizes(sizes, scale);
-    std::vector<mycamera> cameras = scene.cameras;
-    for (size_t c = 0; c < cameras.size() && c < sizes.size(); ++c)
-        scaleCamera(cameras[c], double(shape.photos[c].width) / sizes[c].width,
-                    double(shape.photos[c].height) / sizes[c].height);
-    shape.mesh = memory::estimateMeshGrowth(mesh, cameras, shape.photos, request.settings, request.finestLevel);
-    shape.finestLevel = request.finestLevel;
-    shape.pairsAtOnce = pairsAtOnce(request, setup, cameras.size());
-    shape.kernelsOnHost = setup.device.backend == DeviceBackend::Cpu;
-    shape.processBytes = memory::residentMemory();
-    return shape;
+RunShape shapeOfRequest(const RefineRequest& request, const SfmScene& scene, const std::vector<ImageSize>& sizes,
+                        const TriMesh& mesh, const DeviceSetup& setup) {
+    memory::RunOptions options;
+    options.settings = request.settings;
+    options.finestLevel = request.finestLevel;
+    options.maxImageSide = request.maxImageSide;
+    options.kernelsOnHost = setup.device.backend == DeviceBackend::Cpu;
+    const int threads = request.threads > 0 ? request.threads : setup.device.context.threads;
+    options.pairsAtOnce = options.kernelsOnHost ? memory::pairsOnCpu(threads, scene.cameras.size()) : 1;
+    return memory::shapeOfRun(scene.cameras, sizes, mesh, options);
 }
 
 void printEstimate(const MemoryVerdict& v, bool kernelsOnHost, std::ostream& out) {
@@ -109,7 +94,7 @@ bool checkMemory(const RefineRequest& request, const std::string& scenePath, con
     SfmScene scene;
     std::vector<ImageSize> sizes;
     if (!loadSceneShape(scene, scenePath, sizes, error)) return false;
-    const RunShape shape = shapeOfRun(request, scene, sizes, mesh, setup);
+    const RunShape shape = shapeOfRequest(request, scene, sizes, mesh, setup);
     verdict.need = memory::estimateMemory(shape);
     verdict.hostAvailable = memory::availableHostMemory() + shape.processBytes;
     verdict.deviceAvailable = uint64_t(setup.freeMB * kMiB);

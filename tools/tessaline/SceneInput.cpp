@@ -62,19 +62,6 @@ bool loadSceneShape(SfmScene& scene, const std::string& scenePath, std::vector<m
     return read && readable && !scene.cameras.empty();
 }
 
-double scaleForLongestSide(const std::vector<memory::ImageSize>& sizes, int maxSide) {
-    int longest = 0;
-    for (const memory::ImageSize& s : sizes) longest = std::max({longest, s.width, s.height});
-    return maxSide > 0 && longest > maxSide ? double(maxSide) / longest : 1.0;
-}
-
-std::vector<memory::ImageSize> scaledSizes(const std::vector<memory::ImageSize>& sizes, double scale) {
-    std::vector<memory::ImageSize> out;
-    for (const memory::ImageSize& s : sizes)
-        out.push_back({std::max(1, int(std::lround(s.width * scale))), std::max(1, int(std::lround(s.height * scale)))});
-    return out;
-}
-
 void scaleScene(SfmScene& scene, double scale) {
     if (scale == 1.0) return;
     for (size_t c = 0; c < scene.images.size() && c < scene.cameras.size(); ++c) {
@@ -86,15 +73,6 @@ void scaleScene(SfmScene& scene, double scale) {
         image = smaller;
         scaleCamera(scene.cameras[c], sx, sy);
     }
-}
-
-void scaleCamera(mycamera& camera, double sx, double sy) {
-    camera.fx *= sx;
-    camera.fy *= sy;
-    camera.cx = (camera.cx + 0.5) * sx - 0.5;
-    camera.cy = (camera.cy + 0.5) * sy - 0.5;
-    updateIntrinsicMatrices(camera);
-    updateProjectionMatrix(camera);
 }
 
 }  // namespace tessaline::frontend

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "ImageHeader.h"
+#include "RunShape.h"
 #include "SfmScene.h"
 
 namespace tessaline::frontend {
@@ -26,20 +27,13 @@ bool loadSceneBesideFile(SfmScene& scene, const std::string& scenePath);
 bool loadSceneShape(SfmScene& scene, const std::string& scenePath, std::vector<memory::ImageSize>& sizes,
                     std::string& error);
 
-// The scale that brings the longest side of every photograph to at most
-// `maxSide` (1 when they are small enough, or maxSide is 0).
-double scaleForLongestSide(const std::vector<memory::ImageSize>& sizes, int maxSide);
+// The image and camera scaling of RunShape.h, which the front end uses too.
+using memory::scaleCamera;
+using memory::scaledSizes;
+using memory::scaleForLongestSide;
 
-// Each size times `scale`, rounded, at least 1.
-std::vector<memory::ImageSize> scaledSizes(const std::vector<memory::ImageSize>& sizes, double scale);
-
-// Scales a camera for an image resized by sx across and sy down (see below),
-// rebuilding K, K_inv and P.
-void scaleCamera(mycamera& camera, double sx, double sy);
-
-// Shrinks every photograph by `scale` (area averaging) and its camera alike:
-// with pixel centres at whole coordinates, x' = (x + 1/2) s - 1/2, so
-// fx, fy scale by the images' own ratios and cx, cy move accordingly.
+// Shrinks every photograph by `scale` (area averaging) and its camera alike
+// (scaleCamera).
 void scaleScene(SfmScene& scene, double scale);
 
 }  // namespace tessaline::frontend
