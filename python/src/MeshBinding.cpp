@@ -57,7 +57,7 @@ void bindMesh(nb::module_& m) {
         .def_static("from_arrays", &meshFromArrays, nb::arg("vertices"), nb::arg("facets"),
                     "Builds a mesh from (n, 3) float32 vertices and (m, 3) int64 facets.")
         .def_static("load", &loadMeshFile, nb::arg("path"), "Reads a PLY or OBJ file.")
-        .def("save", &saveMeshFile, nb::arg("path"), "Writes the mesh as ASCII PLY.")
+        .def("save", &saveMeshFile, nb::arg("path"), "Writes the mesh as binary PLY, OBJ or GLB, by the extension.")
         .def_prop_ro("vertex_count", [](const TriMesh& mesh) { return mesh.num_v; })
         .def_prop_ro("facet_count", [](const TriMesh& mesh) { return mesh.num_f; })
         .def_prop_ro(

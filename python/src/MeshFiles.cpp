@@ -6,6 +6,7 @@
 
 #include "LibraryCall.h"
 #include "MeshReader.h"
+#include "MeshWriters.h"
 #include "ToolError.h"
 #include "plyIO.h"
 
@@ -20,24 +21,10 @@ bool startsWithPly(const std::string& path) {
     return tessaline_tools::startsWithPlyMagic(bytes, size_t(in.gcount()));
 }
 
-bool hasExtension(const std::string& path, const std::string& extension) {
-    if (path.size() < extension.size()) return false;
-    std::string tail = path.substr(path.size() - extension.size());
-    for (char& c : tail) c = char(std::tolower(static_cast<unsigned char>(c)));
-    return tail == extension;
-}
-
-// The formats the writer below takes: ASCII PLY for now.
-bool writableFormat(const std::string& path) { return hasExtension(path, ".ply"); }
-
-// The one place that chooses the writer: the tool's ASCII PLY writer for
-// now. The front end's writers (writeMeshFile: binary PLY, OBJ, GLB) take
-// its place here, and widen writableFormat, once they are in the tree.
-// False with `error` set when the file was not written.
+// The front end's writers, chosen by the extension; nothing is printed.
 bool writeMesh(const std::string& path, const TriMesh& mesh, std::string& error) {
     bool saved = false;
-    runCaptured([&](OutputCapture&) { saved = savePly(mesh, path); });
-    if (!saved) error = "cannot save " + path;
+    runCaptured([&](OutputCapture&) { saved = tessaline::writers::writeMeshFile(path, mesh, nullptr, error); });
     return saved;
 }
 
@@ -64,7 +51,9 @@ TriMesh loadMeshFile(const std::string& path) {
 }
 
 void saveMeshFile(const TriMesh& mesh, const std::string& path) {
-    if (!writableFormat(path)) throw nb::value_error(("cannot save " + path + ": only .ply files can be written").c_str());
+    if (!tessaline::writers::isWritableMeshPath(path))
+        throw nb::value_error(("cannot save " + path + ": the formats written are " +
+                               tessaline::writers::writableMeshExtensions()).c_str());
     std::string error;
     if (writeMesh(path, mesh, error)) return;
     PyErr_SetString(PyExc_OSError, error.c_str());

@@ -13,7 +13,8 @@
 // reader's message.
 TriMesh loadMeshFile(const std::string& path);
 
-// Writes a mesh, whole or not at all (temporary file, then rename). Raises
+// Writes a mesh as binary PLY, OBJ or GLB, by its extension, with the front
+// end's writers: whole or not at all (temporary file, then rename). Raises
 // ValueError for a format that cannot be written and OSError when the file
 // cannot be.
 void saveMeshFile(const TriMesh& mesh, const std::string& path);

@@ -102,10 +102,12 @@ class Mesh:
         return cls._wrap(_core.Mesh.load(_fspath(path)))
 
     def save(self, path: "os.PathLike[str] | str") -> None:
-        """Writes the mesh as ASCII PLY (what ``tessaline_refine`` writes).
+        """Writes the mesh in the format of the name's extension, as
+        ``tessaline refine`` writes its output: .ply (binary, float32
+        coordinates), .obj or .glb (binary glTF 2.0).
 
-        The file appears whole or not at all. ValueError for a name not
-        ending in .ply, OSError when the file cannot be written.
+        The file appears whole or not at all. ValueError for another
+        extension, OSError when the file cannot be written.
         """
         self._mesh.save(_fspath(path))
 

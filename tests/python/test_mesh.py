@@ -48,13 +48,27 @@ class TestArrays:
 
 
 class TestFiles:
-    def test_ply_round_trip_keeps_six_digits(self, tmp_path):
+    @pytest.mark.parametrize("name", ["m.ply", "m.OBJ"])
+    def test_ply_and_obj_round_trip_keep_float32_vertices(self, tmp_path, name):
         vertices, facets = triangle_mesh()
         vertices = vertices + np.float32(0.1234567)
-        tessaline.Mesh(vertices, facets).save(tmp_path / "m.ply")
-        back = tessaline.Mesh.load(tmp_path / "m.ply")
-        np.testing.assert_allclose(back.vertices, vertices, rtol=1e-5)
+        tessaline.Mesh(vertices, facets).save(tmp_path / name)
+        back = tessaline.Mesh.load(tmp_path / name)
+        np.testing.assert_array_equal(back.vertices, vertices)
         np.testing.assert_array_equal(back.facets, facets)
+
+    def test_ply_is_binary(self, tmp_path):
+        tessaline.Mesh(*triangle_mesh()).save(tmp_path / "m.ply")
+        assert b"format binary_little_endian 1.0\n" in (tmp_path / "m.ply").read_bytes()
+
+    def test_glb_reads_back_in_trimesh(self, tmp_path):
+        trimesh = pytest.importorskip("trimesh", reason="trimesh is not installed")
+        vertices, facets = triangle_mesh()
+        tessaline.Mesh(vertices + np.float32(0.1234567), facets).save(tmp_path / "m.glb")
+        assert (tmp_path / "m.glb").read_bytes()[:4] == b"glTF"
+        back = trimesh.load(tmp_path / "m.glb", force="mesh", process=False)
+        np.testing.assert_array_equal(np.asarray(back.vertices, dtype=np.float32), vertices + np.float32(0.1234567))
+        np.testing.assert_array_equal(back.faces, facets)
 
     def test_binary_ply_and_obj_read_as_ascii_ply(self, tmp_path):
         vertices, facets = triangle_mesh()
@@ -82,10 +96,10 @@ class TestFiles:
 
     def test_save_refuses_other_formats_and_leaves_no_file(self, tmp_path):
         mesh = tessaline.Mesh(*triangle_mesh())
-        with pytest.raises(ValueError, match="only .ply"):
-            mesh.save(tmp_path / "m.obj")
-        with pytest.raises(OSError, match="cannot save"):
-            mesh.save(tmp_path / "no-folder" / "m.ply")
+        with pytest.raises(ValueError, match="the formats written are .ply, .obj or .glb$"):
+            mesh.save(tmp_path / "m.stl")
+        with pytest.raises(OSError, match="cannot write"):
+            mesh.save(tmp_path / "no-folder" / "m.glb")
         assert list(tmp_path.iterdir()) == []
 
 
