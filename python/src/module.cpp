@@ -9,10 +9,12 @@ namespace nb = nanobind;
 void bindMesh(nb::module_& m);
 void bindScene(nb::module_& m);
 void bindRefine(nb::module_& m);
+void bindMemory(nb::module_& m);
 
 NB_MODULE(_core, m) {
     bindErrors(m);
     bindMesh(m);
     bindScene(m);
     bindRefine(m);
+    bindMemory(m);
 }

@@ -350,9 +350,22 @@ def estimate_memory(
     threads: Optional[int] = None,
 ) -> MemoryEstimate:
     """What ``refine`` with these arguments would need in memory, per level
-    and at its peak, on the host and on the device.
+    and at its peak, on the host and on the device: the estimate that
+    ``tessaline refine`` prints before it runs, for the photographs' sizes
+    in ``scene``.
 
-    Not available yet: the estimate is a library function of the command
-    line's front end, which this package will call once it is in the tree.
+    The levels are those whose facets get divided, coarsest first; the
+    peaks are the largest of their figures. Host bytes count what this
+    process holds already. ``device="auto"`` estimates for the device
+    ``refine`` would pick. Raises what ``refine`` raises for the same
+    arguments, without refining.
     """
-    raise NotImplementedError("tessaline.estimate_memory is not available in this build yet")
+    if not isinstance(scene, Scene) or not isinstance(mesh, Mesh):
+        raise ValueError("estimate_memory takes a tessaline.Scene and a tessaline.Mesh")
+    if threads is not None and (int(threads) != threads or not 1 <= threads <= 4096):
+        raise ValueError(f"threads must be a whole number from 1 to 4096, not {threads!r}")
+    name = default_preset() if preset is None else str(preset)
+    levels, peak_host, peak_device = _core.estimate_memory(
+        scene._scene, mesh._mesh, int(finest_level), name, _device_name(device), int(threads or 0)
+    )
+    return MemoryEstimate([LevelMemory(*level) for level in levels], peak_host, peak_device)

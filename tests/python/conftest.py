@@ -56,3 +56,21 @@ def triangle_mesh():
     vertices = np.array([[0, 0, 0], [1, 0, 0], [0, 1, 0], [0, 0, 1]], dtype=np.float32)
     facets = np.array([[0, 1, 2], [0, 3, 1]], dtype=np.int32)
     return vertices, facets
+
+
+def built_program(relative):
+    """A program of the CMake build in build/, or a skip when it is not built."""
+    path = REPO / "build" / relative
+    if not os.access(path, os.X_OK):
+        pytest.skip(f"{path} is not built (cmake --build build --target {path.name})")
+    return path
+
+
+@pytest.fixture(scope="session")
+def synth_tool():
+    return built_program("tools/synth/tessaline_synth")
+
+
+@pytest.fixture(scope="session")
+def front_end():
+    return built_program("tools/tessaline/tessaline")
