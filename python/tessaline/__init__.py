@@ -199,10 +199,11 @@ class Scene:
     def from_colmap(
         cls, model_dir: "os.PathLike[str] | str", image_dir: "os.PathLike[str] | str", neighbours: int = 8
     ) -> "Scene":
-        """Imports a COLMAP sparse model (text or binary, PINHOLE or
-        SIMPLE_PINHOLE cameras) with its photographs, as ``tessaline_tools
-        import`` does: cameras ordered by image name, up to ``neighbours``
-        neighbours each, ranked by shared points. ValueError when it cannot."""
+        """Imports a COLMAP sparse model (text or binary) with its
+        photographs, as ``tessaline_tools import`` does: cameras ordered by
+        image name, up to ``neighbours`` neighbours each, ranked by shared
+        points; photographs of SIMPLE_RADIAL, RADIAL, OPENCV and FULL_OPENCV
+        cameras undistorted into pinhole ones. ValueError when it cannot."""
         if neighbours < 1:
             raise ValueError("neighbours must be at least 1")
         return cls._wrap(_core.Scene.from_colmap(_fspath(model_dir), _fspath(image_dir), int(neighbours)))

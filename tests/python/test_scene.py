@@ -1,6 +1,7 @@
 """Scene: the scene file, arrays and COLMAP models."""
 
 import shutil
+import subprocess
 
 import numpy as np
 import pytest
@@ -129,3 +130,27 @@ class TestColmap:
         direct = tessaline.Scene.from_colmap(temple_dir / "colmap" / "sparse" / "0", temple_dir)
         np.testing.assert_allclose(scene.R, direct.R, atol=1e-9)
         assert scene.neighbours == direct.neighbours
+
+    def test_distorted_model_is_undistorted_by_the_import(self, synth_tool, tmp_path):
+        """A scene photographed through an OPENCV lens, imported, looks more
+        like the same scene photographed through a pinhole than its
+        photographs read as pinhole ones do (the undistorted camera's focal
+        length differs a little, so the images are not equal). The object
+        fills the frame, where the distortion is strongest."""
+        size = ["--views", "3", "--width", "160", "--height", "120", "--truth-level", "4", "--margin", "2"]
+        for options, folder in ((["--lens", "OPENCV"], "lens"), (["--colmap"], "pinhole")):
+            subprocess.run([synth_tool, *size, *options, tmp_path / folder], check=True, stdout=subprocess.DEVNULL)
+        shutil.copytree(tmp_path / "lens" / "colmap", tmp_path / "as_taken")
+        cameras = tmp_path / "as_taken" / "cameras.txt"
+        lines = [line.split() for line in cameras.read_text().splitlines() if not line.startswith("#")]
+        cameras.write_text("".join(" ".join(f[:1] + ["PINHOLE"] + f[2:8]) + "\n" for f in lines))
+        pinhole = tessaline.Scene.from_colmap(tmp_path / "pinhole" / "colmap", tmp_path / "pinhole")
+        lens = tessaline.Scene.from_colmap(tmp_path / "lens" / "colmap", tmp_path / "lens")
+        as_taken = tessaline.Scene.from_colmap(tmp_path / "as_taken", tmp_path / "lens")
+
+        def difference(scene):
+            return np.mean([np.abs(scene.image(i).astype(int) - pinhole.image(i)).mean() for i in range(3)])
+
+        assert len(lens) == 3 and lens.image_size == pinhole.image_size
+        assert not np.allclose(lens.K, as_taken.K)
+        assert difference(lens) < 0.75 * difference(as_taken)
