@@ -1,6 +1,7 @@
 // The memory estimate's parts: photograph sizes from file headers, the
-// mesh growth that the facet selection's rule predicts, what a change of
-// size or backend does to the estimate, and the progress report.
+// mesh growth that the facet selection's rule predicts, the run's shape for
+// shrunk photographs, what a change of size or backend does to the estimate,
+// and the progress report.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,6 +13,7 @@
 #include "../../scene/SceneTestSupport.h"
 #include "MemoryEstimate.h"
 #include "Progress.h"
+#include "RunShape.h"
 
 namespace {
 
@@ -86,6 +88,28 @@ TEST(MeshGrowth, FollowsTheSelectionRuleLevelByLevel) {
     // Seen by one camera, or from behind: never divided.
     EXPECT_EQ(estimateMeshGrowth(facingTriangle(false), {frontCamera()}, photos, settings, 0)[0].facets, 1);
     EXPECT_EQ(estimateMeshGrowth(facingTriangle(true), two, photos, settings, 0)[0].facets, 1);
+}
+
+TEST(RunShapes, ShrunkPhotographsSeeTheMeshAsACoarserLevelDoes) {
+    const std::vector<mycamera> two(2, frontCamera());
+    const std::vector<ImageSize> photos(2, ImageSize{640, 480});
+    RunOptions options;
+    options.maxImageSide = 320;
+    options.pairsAtOnce = pairsOnCpu(3, two.size());
+    const RunShape shape = shapeOfRun(two, photos, facingTriangle(false), options);
+    EXPECT_EQ(shape.photosOnDisk[1].width, 640);
+    EXPECT_EQ(shape.photos[1].width, 320);
+    EXPECT_EQ(shape.photos[1].height, 240);
+    EXPECT_EQ(shape.pairsAtOnce, 2);  // no more pairs than cameras
+    // At half size, level 0 sees what level 1 sees at full size.
+    EXPECT_EQ(shape.mesh[0].facets, 64);
+    EXPECT_EQ(shape.mesh[1].facets, 16);
+    // Pixel centres at whole coordinates: the centre of 640 (319.5) is the
+    // centre of 320 (159.5).
+    mycamera half = frontCamera();
+    scaleCamera(half, 0.5, 0.5);
+    EXPECT_DOUBLE_EQ(half.cx, 159.5);
+    EXPECT_DOUBLE_EQ(half.fx, 250.0);
 }
 
 RunShape eightPhotos(int width, int height) {
