@@ -38,18 +38,18 @@ struct DescentSteps {
 // photometric and smoothness steps as one move, scaled by a factor of the
 // vertex's own: multiplied by `turn_factor` when the move turns against the
 // previous iteration's, by `regrow_factor` otherwise, up to 1. The move is
-// capped at `max_move` pixel footprints, a footprint being the depth over
-// the focal length in the camera that sees the vertex closest, at the
-// level's image size. A level ends early, after at least `min_iterations`,
-// once at most `settled_share` of the vertices moved more than
-// `settled_move` footprints in an iteration; its iteration count is then a
-// cap.
+// capped at `max_move` pixel footprints, a footprint being the vertex's
+// depth over the focal length, at the level's image size, in the camera of
+// the smallest such ratio among those whose image it projects into. A level
+// ends early, after at least `min_iterations`, once at most `settled_share`
+// of the vertices moved more than `settled_move` footprints in an
+// iteration; its iteration count is then a cap.
 struct AdaptiveDescent {
     bool enabled = false;
     float turn_factor = 0.5f;
     float regrow_factor = 1.25f;
-    float max_move = 0.5f;        // pixel footprints per iteration
-    float settled_move = 0.075f;  // pixel footprints per iteration
+    float max_move = 1.0f;       // pixel footprints per iteration
+    float settled_move = 0.05f;  // pixel footprints per iteration
     float settled_share = 0.02f;
     int min_iterations = 3;
 };

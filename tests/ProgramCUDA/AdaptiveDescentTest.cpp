@@ -63,7 +63,7 @@ TEST(AdaptiveStepKernel, MoveIsCappedAtItsShareOfTheFootprint) {
     EXPECT_EQ(v.moving, 0) << "0.05 is below 0.05 footprints of 2";
 }
 
-TEST(AdaptiveStepFootprint, DepthOverFocalLengthInTheClosestCameraThatSeesTheVertex) {
+TEST(AdaptiveStepFootprint, SmallestDepthOverFocalLengthAmongTheCamerasTheVertexProjectsInto) {
     const PlaneScene s(2, 0.0);
     std::vector<float> vertices{0.0f, 0.0f, 0.0f, 50.0f, 0.0f, 0.0f};  // the second seen by no camera
     std::vector<uint8_t> pairs(4, 1);

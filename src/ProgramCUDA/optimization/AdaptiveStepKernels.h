@@ -26,7 +26,7 @@ struct AdaptiveStepRule {
 struct VertexStepState {
     float* factor;           // 1 per vertex, starts at 1
     float* previous;         // 3 per vertex: the last iteration's descent direction, starts at 0
-    const float* footprint;  // 1 per vertex: depth over focal length in the closest camera that sees it
+    const float* footprint;  // 1 per vertex: its pixel footprint (AdaptiveStep.h, vertexFootprints)
     uint8_t* moving;         // 1 per vertex, written: 1 when it moved more than the settled move
 };
 
