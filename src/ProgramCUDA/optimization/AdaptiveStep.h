@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cfloat>
-#include <cstdio>
 #include <cstdint>
 #include <vector>
 
