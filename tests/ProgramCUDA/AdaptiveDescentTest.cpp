@@ -144,23 +144,16 @@ TEST_P(AdaptiveDescentCall, RefusesUnusableNumbers) {
     const PlaneScene s(2, 0.03);
     const std::vector<uint8_t> pairs(4, 1);
     std::vector<float> v = s.mesh.vertices;
-    const auto refuses = [&](AdaptiveDescent d) {
+    const auto spoilers = {+[](AdaptiveDescent& d) { d.turn_factor = 0.0f; },
+                           +[](AdaptiveDescent& d) { d.regrow_factor = 0.9f; },
+                           +[](AdaptiveDescent& d) { d.max_move = std::nanf(""); },
+                           +[](AdaptiveDescent& d) { d.settled_share = 1.5f; }};
+    for (const auto spoil : spoilers) {
         MeshOptimizationArgs a = optimizationArgs(s, v, pairs, 2, true);
-        a.adaptive = d;
+        a.adaptive = adaptiveOn();
+        spoil(a.adaptive);
         expectRefused("Integrated_Mesh_Optimization_CUDA", [&] { return Integrated_Mesh_Optimization_CUDA(device(), a); });
-    };
-    AdaptiveDescent d = adaptiveOn();
-    d.turn_factor = 0.0f;
-    refuses(d);
-    d = adaptiveOn();
-    d.regrow_factor = 0.9f;
-    refuses(d);
-    d = adaptiveOn();
-    d.max_move = -1.0f;
-    refuses(d);
-    d = adaptiveOn();
-    d.settled_share = 1.5f;
-    refuses(d);
+    }
     EXPECT_EQ(v, s.mesh.vertices);
 }
 
