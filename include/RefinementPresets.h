@@ -11,12 +11,13 @@
 inline const char* const kDefaultRefinementPreset = "quality";
 
 // The quality preset: the adaptive descent with its default numbers
-// (RefinementSettings.h), facets divided from half the pixels, and up to
-// three times the finest level's iterations; levels mostly end early, when
-// the vertices settle.
+// (RefinementSettings.h), facets divided from half the pixels, and room for
+// six times the finest level's iterations and twice the middle one's;
+// levels mostly end earlier, when the vertices settle.
 inline RefinementSettings qualityRefinementSettings() {
     RefinementSettings settings;
-    settings.levels[0].iterations = 30;
+    settings.levels[0].iterations = 60;
+    settings.levels[1].iterations = 50;
     settings.selection.min_pixels = 25;
     settings.adaptive.enabled = true;
     return settings;
