@@ -38,6 +38,9 @@ struct MeshOptimizationArgs {
     bool first_order_smoothing = true;
     DescentSteps steps;
     int halfWindow = 2;  // NCC windows of (2 halfWindow + 1)^2 pixels, 1 to 16
+    // Off by default. On: each vertex steps by the adaptive rule, and the
+    // call may end before `iterations` (RefinementSettings.h).
+    AdaptiveDescent adaptive;
     // The share of this process when several share the run: a CameraRole
     // per camera. Only the pairs of its references run here, and `images`
     // holds just the images of the cameras it uses, in camera order. The

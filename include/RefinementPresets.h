@@ -10,6 +10,19 @@
 
 inline const char* const kDefaultRefinementPreset = "quality";
 
+// The quality preset: the adaptive descent with its default numbers
+// (RefinementSettings.h), facets divided from half the pixels, and room for
+// six times the finest level's iterations and twice the middle one's;
+// levels mostly end earlier, when the vertices settle.
+inline RefinementSettings qualityRefinementSettings() {
+    RefinementSettings settings;
+    settings.levels[0].iterations = 60;
+    settings.levels[1].iterations = 50;
+    settings.selection.min_pixels = 25;
+    settings.adaptive.enabled = true;
+    return settings;
+}
+
 inline const std::vector<std::string>& refinementPresetNames() {
     static const std::vector<std::string> names{"reference", "quality"};
     return names;
@@ -23,7 +36,7 @@ inline bool refinementPreset(const std::string& name, RefinementSettings& settin
         return true;
     }
     if (name == "quality") {
-        settings = RefinementSettings();
+        settings = qualityRefinementSettings();
         return true;
     }
     return false;

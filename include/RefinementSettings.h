@@ -33,6 +33,27 @@ struct DescentSteps {
     float second_order = float(double(kBaseStep) * 5.0);           // 0.5, the base step widened to double
 };
 
+// A descent rule that adapts to the scene (off by default: every vertex then
+// takes the fixed steps above, one after the other). Each vertex takes its
+// photometric and smoothness steps as one move, scaled by a factor of the
+// vertex's own: multiplied by `turn_factor` when the move turns against the
+// previous iteration's, by `regrow_factor` otherwise, up to 1. The move is
+// capped at `max_move` pixel footprints, a footprint being the vertex's
+// depth over the focal length, at the level's image size, in the camera of
+// the smallest such ratio among those whose image it projects into. A level
+// ends early, after at least `min_iterations`, once at most `settled_share`
+// of the vertices moved more than `settled_move` footprints in an
+// iteration; its iteration count is then a cap.
+struct AdaptiveDescent {
+    bool enabled = false;
+    float turn_factor = 0.5f;
+    float regrow_factor = 1.25f;
+    float max_move = 1.0f;       // pixel footprints per iteration
+    float settled_move = 0.05f;  // pixel footprints per iteration
+    float settled_share = 0.02f;
+    int min_iterations = 3;
+};
+
 struct RefinementSettings {
     // By level: 0 is the finest (the photographs' size), 2 the coarsest.
     LevelSettings levels[3] = {{10, false, 2}, {25, false, 2}, {100, true, 2}};
@@ -40,4 +61,5 @@ struct RefinementSettings {
     int ncc_half_window = 2;  // 5 x 5 windows
     FacetSelection selection;
     int pairs_per_camera = 6;  // the first entries of each camera's neighbour list
+    AdaptiveDescent adaptive;
 };

@@ -9,9 +9,12 @@ NCC over the pixels seen by both cameras of the refinement's pairs).
     scripts/benchmark.py [--build build] [--out out/bench] [--scenes small,medium,large,temple]
                          [--presets reference,quality] [--profile] [--against OTHER_BUILD --rounds N]
 
-With --presets every scene is refined with each preset named (default:
-reference alone), and for two or more the script adds per scene the ratio of
-each preset's accuracy, photo-consistency and time to the first one's.
+With --presets every scene is refined with each preset named, through the
+front end (build/tools/tessaline/tessaline refine SCENE MESH OUT --preset
+NAME), and the script prints per scene each preset's accuracy and time; for
+two or more it adds the ratio of each preset's accuracy, photo-consistency
+and time to the first one's. Without --presets the scenes are refined by
+tessaline_refine, the tool's own schedule.
 
 With --against, every scene is refined --rounds times by each build in
 turn (this build, the other, this build, ...), so that both see the same
@@ -77,15 +80,15 @@ def run_timed(cmd, cwd, env=None):
 
 
 PRESETS = ("reference", "quality")
+FRONT_END = "tools/tessaline/tessaline"
 
 
-def preset_env(preset, env):
-    """The tool's environment for a preset: the one place that selects it."""
-    env = dict(env if env is not None else os.environ)
-    env.pop("TESSALINE_PRESET", None)
-    if preset != "reference":
-        env["TESSALINE_PRESET"] = preset
-    return env
+def refine_command(build, sfm, initial, output, lod, preset):
+    """The command that refines with `preset`: the front end's, or the tool's own
+    schedule through tessaline_refine when no preset is named."""
+    if preset is None:
+        return [os.path.join(build, "src/driver/tessaline_refine"), sfm, initial, output, lod]
+    return [os.path.join(build, FRONT_END), "refine", sfm, initial, output, "--preset", preset]
 
 
 def photoconsistency(build, scene_file, mesh):
@@ -164,10 +167,10 @@ def prepare(build, name, out):
     return out, "scene.sfm", "initial.ply", os.path.join(out, "truth.ply")
 
 
-def refine(build, folder, sfm, initial, output, lod, env):
-    elapsed, peak, lines, rc = run_timed(
-        [os.path.join(build, "src/driver/tessaline_refine"), sfm, initial, output, lod], folder, env)
-    if rc != 1:
+def refine(build, folder, sfm, initial, output, lod, env, preset=None):
+    elapsed, peak, lines, rc = run_timed(refine_command(build, sfm, initial, output, lod, preset), folder, env)
+    # tessaline_refine ends a complete run with 1, the front end with 0.
+    if rc != (1 if preset is None else 0) or not os.path.isfile(output):
         print("\n".join(l for _, l in lines[-20:]), file=sys.stderr)
         sys.exit(f"{build}: the tool failed on {folder} (exit {rc})")
     return elapsed, peak, lines
@@ -223,11 +226,13 @@ def print_results(rows, presets):
         figures = (f"{b['accuracy_mean_rel']:10.5f} {a['accuracy_mean_rel']:10.5f} "
                    f"{b['completeness_mean_rel']:11.5f} {a['completeness_mean_rel']:10.5f}") if b else \
             f"{'(no ground truth)':>45}"
-        print(f"{r['name']:8} {p['views']:5d} {p['width']:4d}x{p['height']:<4d} {r['preset']:>9} | "
+        print(f"{r['name']:8} {p['views']:5d} {p['width']:4d}x{p['height']:<4d} {r['preset'] or 'tool':>9} | "
               f"{lt[0]:7.1f}s {lt[1]:7.1f}s {lt[2]:7.1f}s {r['elapsed']:7.1f}s {r['peak']:9.0f} | {figures} | "
               f"{ncc_text(r['ncc'][0]):>10} {ncc_text(r['ncc'][1]):>9} {r['ncc'][1]['valid_pixels']:12d}")
     print("accuracy/completeness: mean distance as a fraction of the ground truth's bounding-box diagonal; "
           "NCC: photo-consistency, mean over the pixels counted")
+    if presets != [None]:
+        print_preset_summary(rows, presets)
     if len(presets) > 1:
         print(f"\n{'scene':8} {'preset':>9} | {'accuracy gain':>13} {'NCC change':>10} {'time ratio':>10}"
               f"   (against {presets[0]}; gain = its accuracy / this one's)")
@@ -243,6 +248,22 @@ def print_results(rows, presets):
     print(rows[0]["backend"] if rows else "")
 
 
+def print_preset_summary(rows, presets):
+    """Per scene one line: each preset's mean accuracy (absolute) and time."""
+    print(f"\n{'scene':8} {'initial':>10} | " + " | ".join(f"{p + ' acc':>14} {'time':>7}" for p in presets))
+    for name in dict.fromkeys(r["name"] for r in rows):
+        mine = {r["preset"]: r for r in rows if r["name"] == name}
+        first = mine[presets[0]]
+        initial = f"{first['before']['accuracy_mean']:10.5f}" if first["before"] else f"{'-':>10}"
+        cells = []
+        for p in presets:
+            r = mine[p]
+            acc = f"{r['after']['accuracy_mean']:14.5f}" if r["after"] else f"{'-':>14}"
+            cells.append(f"{acc} {r['elapsed']:6.1f}s")
+        print(f"{name:8} {initial} | " + " | ".join(cells))
+    print("acc: mean distance to the ground truth (accuracy, scene units)")
+
+
 def median(values):
     v = sorted(values)
     return v[len(v) // 2] if len(v) % 2 else 0.5 * (v[len(v) // 2 - 1] + v[len(v) // 2])
@@ -254,7 +275,8 @@ def main():
     ap.add_argument("--out", default="out/bench")
     ap.add_argument("--scenes", default="small,medium,large,temple")
     ap.add_argument("--lod", default="0", help="level of detail passed to the tool")
-    ap.add_argument("--presets", default="reference", help="presets to refine each scene with, comma separated")
+    ap.add_argument("--presets", help="presets to refine each scene with through the front end, comma separated "
+                                      "(default: the tool's own schedule through tessaline_refine)")
     ap.add_argument("--profile", action="store_true", help="time the optimisation per call and per kernel")
     ap.add_argument("--against", help="another build to time against, in turns with this one")
     ap.add_argument("--rounds", type=int, default=3, help="runs of each build with --against")
@@ -268,10 +290,13 @@ def main():
     for name in args.scenes.split(","):
         if name not in SCENES:
             sys.exit(f"unknown scene {name}; the scenes are {', '.join(SCENES)}")
-    presets = args.presets.split(",")
+    presets = args.presets.split(",") if args.presets else [None]
     for preset in presets:
-        if preset not in PRESETS:
+        if preset is not None and preset not in PRESETS:
             sys.exit(f"unknown preset {preset}; the presets are {', '.join(PRESETS)}")
+    if presets != [None] and not os.path.isfile(os.path.join(build, FRONT_END)):
+        sys.exit(f"--presets needs the front end, which is missing: {os.path.join(build, FRONT_END)} "
+                 "(build the target tessaline)")
 
     if args.ranks:
         return bench_ranks(build, args, env)
@@ -297,8 +322,10 @@ def main():
         before = compare(build, truth, os.path.join(folder, initial)) if truth else None
         ncc_before = photoconsistency(build, os.path.join(folder, sfm), os.path.join(folder, initial))
         for preset in presets:
-            output = os.path.abspath(os.path.join(args.out, f"{name}-{preset}-refined.ply"))
-            elapsed, peak, lines = refine(build, folder, sfm, initial, output, args.lod, preset_env(preset, env))
+            output = os.path.abspath(os.path.join(args.out, f"{name}-{preset or 'tool'}-refined.ply"))
+            if os.path.exists(output):
+                os.remove(output)
+            elapsed, peak, lines = refine(build, folder, sfm, initial, output, args.lod, env, preset)
             after = compare(build, truth, output) if truth else None
             ncc_after = photoconsistency(build, os.path.join(folder, sfm), output)
             backend = next((l for _, l in lines if l.startswith("Device backend")), "?")

@@ -106,6 +106,7 @@ bool refineMeshAtLevel(TriMesh& mesh, const DeviceHandle& device, const std::vec
     args.first_order_smoothing = level.first_order_smoothing;
     args.steps = settings.steps;
     args.halfWindow = settings.ncc_half_window;
+    args.adaptive = settings.adaptive;
     args.camera_roles = roles.empty() ? nullptr : roles.data();
     return Integrated_Mesh_Optimization_CUDA(device, args) == DeviceStatus::Ok;
 }

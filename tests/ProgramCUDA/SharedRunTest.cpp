@@ -38,7 +38,8 @@ struct SharedResult {
 // Each rank's call; `failingRank` gets arguments that its device refuses
 // only after the call began (a photograph missing on one process).
 SharedResult runShared(const DeviceHandle& device, const PlaneScene& s, OptimizationSchedule schedule,
-                       bool firstOrder, int failingRank = -1) {
+                       bool firstOrder, int failingRank = -1, const AdaptiveDescent& adaptive = AdaptiveDescent(),
+                       int iterations = 3) {
     ThreadProcessGroup group(2);
     SharedResult result{std::vector<std::vector<float>>(2, s.mesh.vertices), std::vector<DeviceStatus>(2)};
     group.run([&](int rank) {
@@ -46,9 +47,10 @@ SharedResult runShared(const DeviceHandle& device, const PlaneScene& s, Optimiza
         d.context.schedule = schedule;
         d.context.processes = group.member(rank);
         const std::vector<uint8_t> images = heldImages(s, kRoles[size_t(rank)]);
-        MeshOptimizationArgs a = optimizationArgs(s, result.vertices[size_t(rank)], kPairs, 3, firstOrder);
+        MeshOptimizationArgs a = optimizationArgs(s, result.vertices[size_t(rank)], kPairs, iterations, firstOrder);
         a.images = images.data();
         a.camera_roles = kRoles[size_t(rank)].data();
+        a.adaptive = adaptive;
         if (rank == failingRank) a.num_valence_entries = -1;  // refused before any sum
         result.status[size_t(rank)] = Integrated_Mesh_Optimization_CUDA(d, a);
     });
@@ -77,6 +79,35 @@ TEST_P(SharedRun, EveryProcessEndsWithTheVerticesOfOne) {
                 EXPECT_TRUE(sameBits(shared.vertices[size_t(rank)], alone)) << "rank " << rank;
             }
         }
+}
+
+// The adaptive descent decides when the vertices have settled from counts
+// added over the processes: every process stops at the iteration that one
+// process alone stops at, with its vertices.
+TEST_P(SharedRun, AdaptiveDescentEndsLikeOneProcess) {
+    const PlaneScene s(3, 0.03, 0.02f);
+    AdaptiveDescent adaptive;
+    adaptive.enabled = true;
+    for (OptimizationSchedule schedule : {OptimizationSchedule::Fast, OptimizationSchedule::Reference}) {
+        DeviceHandle d = device();
+        d.context.schedule = schedule;
+        long long aloneIterations = 0;
+        d.context.onIteration = [&](long long done, long long) {
+            aloneIterations = done;
+            return true;
+        };
+        std::vector<float> alone = s.mesh.vertices;
+        MeshOptimizationArgs a = optimizationArgs(s, alone, kPairs, 200, true);
+        a.adaptive = adaptive;
+        printedBy([&] { EXPECT_EQ(Integrated_Mesh_Optimization_CUDA(d, a), DeviceStatus::Ok); });
+        ASSERT_LT(aloneIterations, 200) << "the call should settle before its cap";
+        SharedResult shared;
+        printedBy([&] { shared = runShared(device(), s, schedule, true, -1, adaptive, 200); });
+        for (int rank : {0, 1}) {
+            EXPECT_EQ(shared.status[size_t(rank)], DeviceStatus::Ok) << rank;
+            EXPECT_TRUE(sameBits(shared.vertices[size_t(rank)], alone)) << "rank " << rank;
+        }
+    }
 }
 
 TEST_P(SharedRun, AProcessThatRefusesStopsAllWithoutWaiting) {

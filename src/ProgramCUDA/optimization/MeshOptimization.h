@@ -1,6 +1,7 @@
 // The mesh optimisation of one level: uploads the mesh, the cameras and all
 // images once, runs a fixed number of gradient-descent iterations entirely on
-// the device, and reads the vertices back once.
+// the device (with the adaptive descent, at most that many: it ends when the
+// vertices settle), and reads the vertices back once.
 //
 // Each iteration renders every camera, runs warp, NCC chain and gradient
 // accumulation for every ordered camera pair of pair_mask, averages the
@@ -61,6 +62,18 @@ inline void checkCameraRoles(ArgumentCheck& check, const MeshOptimizationArgs& a
     }
 }
 
+// The adaptive descent's numbers, when it is on. The negated comparisons
+// also refuse NaN.
+inline void checkAdaptiveDescent(ArgumentCheck& check, const AdaptiveDescent& d) {
+    if (!d.enabled) return;
+    check.require(d.turn_factor > 0.0f && d.turn_factor <= 1.0f, "adaptive turn_factor outside (0, 1]");
+    check.require(d.regrow_factor >= 1.0f && d.regrow_factor <= 16.0f, "adaptive regrow_factor outside [1, 16]");
+    check.require(d.max_move > 0.0f && d.max_move <= 1e6f, "adaptive max_move outside (0, 1e6]");
+    check.require(d.settled_move >= 0.0f && d.settled_move <= 1e6f, "adaptive settled_move outside [0, 1e6]");
+    check.require(d.settled_share >= 0.0f && d.settled_share <= 1.0f, "adaptive settled_share outside [0, 1]");
+    check.require(d.min_iterations >= 0, "negative adaptive min_iterations");
+}
+
 inline bool argumentsPass(const MeshOptimizationArgs& a) {
     ArgumentCheck check("Integrated_Mesh_Optimization_CUDA");
     checkMeshCounts(check, a.num_v, a.num_f);
@@ -69,6 +82,7 @@ inline bool argumentsPass(const MeshOptimizationArgs& a) {
     check.count(a.height, "negative image height");
     check.require(imageFitsIntIndex(a.width, a.height), "images too large");
     check.require(a.halfWindow >= 1 && a.halfWindow <= kMaxOptimizationHalfWindow, "halfWindow out of range");
+    checkAdaptiveDescent(check, a.adaptive);
     if (check.problem) return check.passed();
 
     const long long pixels = (long long)a.width * a.height;
@@ -113,8 +127,9 @@ IterationsRun runIterations(Backend& be, MeshOptimizationCall<Backend>& call, co
     for (long long it = 1; it <= a.iterations && !run.groupFailed; ++it) {
         if (be.failed && !call.distributed()) break;
         std::cout << "\rmesh optimizing iteration: " << it << "/" << a.iterations << std::flush;
-        bool joined = true;
+        bool joined = true, settled = false;
         replay.run([&] { joined = call.iteration(); });
+        if (joined && call.adaptive()) joined = call.settledAfter(it, settled);
         run.groupFailed = !joined;
         if (joined) run.done = it;
         const auto& onIteration = be.device().context.onIteration;
@@ -122,6 +137,7 @@ IterationsRun runIterations(Backend& be, MeshOptimizationCall<Backend>& call, co
             run.stoppedOnRequest = true;
             break;
         }
+        if (settled) break;
     }
     if (be.profiling()) be.synchronize();
     run.seconds = std::chrono::duration<double>(Clock::now() - start).count();

@@ -15,6 +15,7 @@
 #include "backend/DeviceMemory.h"
 #include "ncc/NccChain.h"
 #include "ncc/NccFusedKernels.h"
+#include "optimization/AdaptiveStep.h"
 #include "optimization/CameraSet.h"
 #include "optimization/FusedPairKernels.h"
 #include "optimization/MeshKernels.h"
@@ -49,6 +50,7 @@ struct MeshOptimizationCall {
     Buffer<float> d_vt_pair_hits, d_vt_pair_count;
     Buffer<uint8_t> d_vt_update_mask;
     Buffer<float> d_grad_smooth, d_grad_smooth2;
+    AdaptiveStepCall<Backend> adaptiveStep;  // allocated when the adaptive descent is on
 
     // Per camera: a held camera's render (depth and facet), a reference's
     // float image and weights; the held images as layers of the stack.
@@ -116,6 +118,7 @@ struct MeshOptimizationCall {
         d_vt_update_mask = Buffer<uint8_t>(be, nv);
         d_grad_smooth = Buffer<float>(be, 3 * nv);
         d_grad_smooth2 = Buffer<float>(be, 3 * nv);
+        if (adaptive()) adaptiveStep.allocate(be, a);
         allocateRenders(cams, px);
         if (cams > 0) {
             d_depth_keys = Buffer<unsigned long long>(be, px);
@@ -160,6 +163,13 @@ struct MeshOptimizationCall {
     }
 
     bool fast() const { return schedule == OptimizationSchedule::Fast; }
+    bool adaptive() const { return a.adaptive.enabled; }
+
+    // Whether the vertices have settled after `iteration` (adaptive descent
+    // only); false when a process of the run failed.
+    bool settledAfter(long long iteration, bool& settled) {
+        return adaptiveStep.settledAfter(be, processes(), a, iteration, settled);
+    }
 
     void fillFloat(int n, float* array, float value) { be.launch(WideRun{n}, Kernel_Set_FloatArray{n, array, value}); }
 
@@ -392,7 +402,8 @@ struct MeshOptimizationCall {
         return combineIterationSums();
     }
 
-    // The normalised gradient, both smoothness gradients and the step.
+    // The normalised gradient, both smoothness gradients and the step: the
+    // fixed steps one after the other, or the adaptive step.
     void stepVertices() {
         const int nv = a.num_v;
         normalizeGradient();
@@ -400,6 +411,10 @@ struct MeshOptimizationCall {
         be.launch(WideRun{nv}, Kernel_ComputeSmoothnessGradient{nv, d_vertices.get(), rings, d_grad_smooth.get(), false});
         be.launch(WideRun{nv},
                   Kernel_ComputeSmoothnessGradient{nv, d_grad_smooth.get(), rings, d_grad_smooth2.get(), true});
+        if (adaptive()) {
+            const float* smooth = a.first_order_smoothing ? d_grad_smooth.get() : d_grad_smooth2.get();
+            return adaptiveStep.step(be, a, d_vertices.get(), GRAD_PHOTO.get(), smooth);
+        }
         be.launch(WideRun{nv}, Kernel_GradientDescent{nv, d_vertices.get(), GRAD_PHOTO.get(), a.steps.photometric});
         if (a.first_order_smoothing)
             be.launch(WideRun{nv},
