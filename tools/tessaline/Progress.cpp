@@ -36,17 +36,34 @@ ProgressReport::ProgressReport(std::vector<int> levels, ProgressStyle style, std
 bool ProgressReport::iterationDone(long long done, long long total) {
     if (style_ == ProgressStyle::Silent || total <= 0) return true;
     if (done <= lastDone_ || call_ == 0) {  // a new optimisation call
+        closeSettledLevel();
         ++call_;
         start_ = Clock::now();
         lastTenth_ = -1;
     }
     lastDone_ = done;
+    lastTotal_ = total;
     const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
     const int tenth = int(done * 10 / total);
     if (style_ == ProgressStyle::Lines && tenth == lastTenth_) return true;
     lastTenth_ = tenth;
     draw(done, total, seconds);
     return true;
+}
+
+void ProgressReport::finish() {
+    if (style_ != ProgressStyle::Silent) closeSettledLevel();
+    lastDone_ = lastTotal_ = 0;
+}
+
+// A level whose last report fell short of its cap stopped early because its
+// vertices settled: say so, ending its bar.
+void ProgressReport::closeSettledLevel() {
+    if (call_ == 0 || lastDone_ >= lastTotal_) return;
+    const int level = call_ <= levels_.size() ? levels_[call_ - 1] : -1;
+    if (style_ == ProgressStyle::Bar) out_ << "\n";
+    out_ << "level " << level << ": settled after " << lastDone_ << " of at most " << lastTotal_ << " iterations"
+         << std::endl;
 }
 
 void ProgressReport::draw(long long done, long long total, double seconds) const {

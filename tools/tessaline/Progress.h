@@ -26,15 +26,21 @@ class ProgressReport {
     // run goes on).
     bool iterationDone(long long done, long long total);
 
+    // The run is over: a level that ended before its cap (its vertices
+    // settled) is closed with the iterations it took.
+    void finish();
+
    private:
     using Clock = std::chrono::steady_clock;
     void draw(long long done, long long total, double seconds) const;
+    void closeSettledLevel();
 
     std::vector<int> levels_;
     ProgressStyle style_;
     std::ostream& out_;
     size_t call_ = 0;  // calls started so far
     long long lastDone_ = 0;
+    long long lastTotal_ = 0;
     Clock::time_point start_;
     int lastTenth_ = -1;
 };

@@ -13,6 +13,20 @@ std::string presetList() {
     return list;
 }
 
+// The numbers of the adaptive descent, which the quality preset turns on;
+// they change nothing where it is off (the reference preset).
+void addAdaptiveOptions(CLI::App& app, SettingOverrides& o, const char* group) {
+    app.add_option("--max-move", o.maxMove,
+                   "adaptive descent: largest move of a vertex in one iteration, in pixel footprints")
+        ->check(CLI::Range(1e-6f, 1e3f))->group(group);
+    app.add_option("--settled-move", o.settledMove,
+                   "adaptive descent: a vertex that moves less than this many pixel footprints has settled")
+        ->check(CLI::Range(0.0f, 1e3f))->group(group);
+    app.add_option("--settled-share", o.settledShare,
+                   "adaptive descent: a level ends when at most this share of the vertices still moves (0 to 1)")
+        ->check(CLI::Range(0.0f, 1.0f))->group(group);
+}
+
 void addSettingOptions(CLI::App& app, SettingOverrides& o) {
     const char* group = "Refinement numbers (over the preset)";
     for (int level = 0; level < 3; ++level)
@@ -39,6 +53,7 @@ void addSettingOptions(CLI::App& app, SettingOverrides& o) {
     app.add_option("--pairs-per-camera", o.pairsPerCamera,
                    "neighbours each camera is compared with (the first of its list)")
         ->check(CLI::Range(1, 1000))->group(group);
+    addAdaptiveOptions(app, o, group);
 }
 
 void applyOverrides(const SettingOverrides& o, RefinementSettings& s) {
@@ -53,6 +68,9 @@ void applyOverrides(const SettingOverrides& o, RefinementSettings& s) {
     if (o.selectionPixels >= 0) s.selection.min_pixels = o.selectionPixels;
     if (o.selectionImages >= 0) s.selection.min_images = o.selectionImages;
     if (o.pairsPerCamera >= 0) s.pairs_per_camera = o.pairsPerCamera;
+    if (o.maxMove >= 0.0f) s.adaptive.max_move = o.maxMove;
+    if (o.settledMove >= 0.0f) s.adaptive.settled_move = o.settledMove;
+    if (o.settledShare >= 0.0f) s.adaptive.settled_share = o.settledShare;
 }
 
 std::string parseDevice(const std::string& text, RefineRequest& r) {

@@ -41,6 +41,9 @@ struct SettingOverrides {
     int divisionPasses = -1;
     float photometricStep = -1.0f, firstOrderStep = -1.0f, secondOrderStep = -1.0f;
     int nccHalfWindow = -1, selectionPixels = -1, selectionImages = -1, pairsPerCamera = -1;
+    // The adaptive descent (the quality preset's): pixel footprints, share
+    // of the vertices.
+    float maxMove = -1.0f, settledMove = -1.0f, settledShare = -1.0f;
 };
 
 // Adds every option of `refine` to `app`, filling `request` and `overrides`;

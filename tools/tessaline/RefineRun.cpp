@@ -85,7 +85,9 @@ bool refineScene(const RefineRequest& request, const std::string& scenePath, con
     device.context.onIteration = [&report](long long done, long long total) {
         return report.iterationDone(done, total);
     };
-    return runLevels(mesh, scene, request.finestLevel, device, request.settings);
+    const bool refined = runLevels(mesh, scene, request.finestLevel, device, request.settings);
+    report.finish();
+    return refined;
 }
 
 void printResult(const RefineRequest& request, const TriMesh& mesh, const MemoryVerdict& verdict,

@@ -173,6 +173,19 @@ TEST(ProgressReport, PlainLinesAtTenthsForEachLevelInTurn) {
     EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 11 + 5);
 }
 
+TEST(ProgressReport, LevelsThatSettleBeforeTheirCapAreClosedWithTheirCount) {
+    std::ostringstream out;
+    ProgressReport report({2, 1, 0}, ProgressStyle::Lines, out);
+    for (long long i = 1; i <= 12; ++i) report.iterationDone(i, 100);  // settles at 12
+    for (long long i = 1; i <= 50; ++i) report.iterationDone(i, 50);   // runs to its cap
+    for (long long i = 1; i <= 7; ++i) report.iterationDone(i, 60);    // settles at 7
+    report.finish();
+    const std::string text = out.str();
+    EXPECT_NE(text.find("level 2: settled after 12 of at most 100 iterations"), std::string::npos) << text;
+    EXPECT_EQ(text.find("level 1: settled"), std::string::npos) << text;
+    EXPECT_NE(text.find("level 0: settled after 7 of at most 60 iterations"), std::string::npos) << text;
+}
+
 TEST(ProgressReport, BarRedrawsInPlaceAndSilentPrintsNothing) {
     std::ostringstream bar, silent;
     ProgressReport drawn({0}, ProgressStyle::Bar, bar), quiet({0}, ProgressStyle::Silent, silent);

@@ -173,7 +173,9 @@ TEST_F(RefineCommand, MaxImageSizeScalesThePhotographs) {
               0)
         << output;
     EXPECT_NE(output.find("Photographs: 6, 80x60 pixels as refined"), std::string::npos) << output;
-    EXPECT_NE(output.find("level 2: 100/100 iterations"), std::string::npos) << output;
+    // The quality preset ends the level once its vertices settle, before the cap.
+    EXPECT_NE(output.find("level 2: settled after "), std::string::npos) << output;
+    EXPECT_NE(output.find(" of at most 100 iterations"), std::string::npos) << output;
     EXPECT_EQ(output.find("mesh optimizing"), std::string::npos) << output;  // the library's own lines
     // The memory estimate against the measured peak, both printed last.
     const size_t at = output.find("peak memory ");
