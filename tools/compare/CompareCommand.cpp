@@ -9,6 +9,7 @@
 
 #include "CommandLine.h"
 #include "MeshCompare.h"
+#include "AnyMesh.h"
 #include "plyIO.h"
 
 namespace tessaline::compare {
@@ -29,10 +30,12 @@ int runCompareCommand(int argc, char** argv) {
 
     try {
         TriMesh reference, test;
-        if (!loadPly(reference, referencePath)) return cli::fail("cannot read the reference mesh " + referencePath);
-        if (!loadPly(test, testPath)) return cli::fail("cannot read the test mesh " + testPath);
-        MeshComparison result;
         std::string error;
+        if (!tessaline_tools::readAnyMesh(referencePath, reference, error))
+            return cli::fail("cannot read the reference mesh " + referencePath + ": " + error);
+        if (!tessaline_tools::readAnyMesh(testPath, test, error))
+            return cli::fail("cannot read the test mesh " + testPath + ": " + error);
+        MeshComparison result;
         if (!compareMeshes(reference, test, samples, result, error)) return cli::fail(error);
         if (json) {
             std::cout << comparisonJson(result, referencePath, testPath) << std::endl;

@@ -10,6 +10,7 @@
 
 #include "CommandLine.h"
 #include "PhotoConsistency.h"
+#include "AnyMesh.h"
 #include "plyIO.h"
 
 namespace fs = std::filesystem;
@@ -83,7 +84,9 @@ int runPhotoConsistencyCommand(int argc, char** argv) {
         if (!loadSceneFromItsFolder(scene, scenePath) || scene.images.empty())
             return cli::fail("cannot read the scene " + scenePath);
         TriMesh mesh;
-        if (!loadPly(mesh, meshPath)) return cli::fail("cannot read the mesh " + meshPath);
+        std::string meshError;
+        if (!tessaline_tools::readAnyMesh(meshPath, mesh, meshError))
+            return cli::fail("cannot read the mesh " + meshPath + ": " + meshError);
         const DeviceSetup setup = setupDevice(0, tessaline::cli::runContext());
         PhotoConsistency result;
         std::string error;

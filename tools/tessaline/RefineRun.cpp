@@ -12,10 +12,10 @@
 
 #include "CommandLine.h"
 #include "CoordinateOffset.h"
+#include "AnyMesh.h"
 #include "ImportScene.h"
 #include "LibraryOutput.h"
 #include "MemoryCheck.h"
-#include "MeshInput.h"
 #include "MeshWriters.h"
 #include "Progress.h"
 #include "SceneInput.h"
@@ -112,7 +112,7 @@ int refineFromFiles(const RefineRequest& request, const std::string& scenePath, 
     if (!chooseDevice(request, setup, error)) return cli::fail(error);
     out << setup.description << std::endl;
     TriMesh mesh;
-    if (!readInitialMesh(meshPath, mesh, error)) return cli::fail(error);
+    if (!tessaline_tools::readAnyMesh(meshPath, mesh, error)) return cli::fail(error);
     if (!fs::is_directory(fs::absolute(request.outPath).parent_path()))
         return cli::fail("the folder of " + request.outPath + " does not exist");
     out << "Mesh: " << mesh.num_v << " vertices, " << mesh.num_f << " facets" << std::endl;

@@ -10,6 +10,7 @@ target_include_directories(tessaline_lens PUBLIC ${CMAKE_CURRENT_LIST_DIR})
 
 # The import of COLMAP models, photographs and meshes into a scene file.
 add_library(tessaline_importer STATIC
+  ${CMAKE_CURRENT_LIST_DIR}/AnyMesh.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ColmapModel.cpp
   ${CMAKE_CURRENT_LIST_DIR}/FileIO.cpp
   ${CMAKE_CURRENT_LIST_DIR}/ImportPhotographs.cpp

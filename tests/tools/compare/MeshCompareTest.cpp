@@ -139,7 +139,7 @@ TEST(CompareCommand, PrintsATableOrJsonAndRefusesBadInput) {
     struct Case { std::vector<std::string> args; int status; std::string message; };
     const std::vector<Case> bad = {
         {{unit, unit, "--samples", "0"}, 2, "--samples"}, {{unit, unit, "--samples", "-5"}, 2, "--samples"},
-        {{unit, missing}, 1, "Error: cannot read the test mesh " + missing + "\n"},
+        {{unit, missing}, 1, "Error: cannot read the test mesh " + missing + ": the mesh " + missing + " does not exist\n"},
         {{unit, points}, 1, "Error: the test mesh has no facets\n"}};
     for (const Case& c : bad) {
         EXPECT_EQ(runCompare(c.args, out), c.status) << out;

@@ -10,7 +10,7 @@
 
 #include "../../scene/SceneTestSupport.h"
 #include "CoordinateOffset.h"
-#include "MeshInput.h"
+#include "AnyMesh.h"
 #include "MeshReader.h"
 #include "MeshWriters.h"
 
@@ -131,8 +131,8 @@ TEST_F(MeshWriters, OffsetFileIsReadExactlyOrRefused) {
 
 // Which initial meshes the refiner's own reader takes (the rest go to the
 // importer's reader).
-TEST(MeshInput, RefinersDialectIsAsciiWithPlainVertices) {
-    using tessaline::frontend::isRefinerPlyHeader;
+TEST(AnyMesh, RefinersDialectIsAsciiWithPlainVertices) {
+    using tessaline_tools::isRefinerPlyHeader;
     const std::string faces = "element face 1\nproperty list uchar int vertex_indices\nend_header\n";
     const std::string plain = "ply\nformat ascii 1.0\ncomment x\nelement vertex 3\nproperty float x\n"
                               "property float y\nproperty float z\n";

@@ -1,4 +1,5 @@
-// The initial mesh of `tessaline refine`. A PLY file in the refiner's own
+// A mesh in any format the programs read: `tessaline refine`'s initial mesh,
+// the meshes that compare and photoconsistency measure. A PLY file in the refiner's own
 // dialect (ASCII, vertices of x, y, z and perhaps alpha, faces) is read by
 // the refiner's reader, as tessaline_refine reads it, so that both runs
 // start from the same floats; any other mesh (binary PLY, normals and
@@ -9,13 +10,13 @@
 
 #include "TriMesh.h"
 
-namespace tessaline::frontend {
+namespace tessaline_tools {
 
 // True when the header of the PLY text `header` (up to end_header) is of the
 // refiner's dialect.
 bool isRefinerPlyHeader(const std::string& header);
 
 // Reads the mesh at `path`; false with a one-line reason in `error`.
-bool readInitialMesh(const std::string& path, TriMesh& mesh, std::string& error);
+bool readAnyMesh(const std::string& path, TriMesh& mesh, std::string& error);
 
-}  // namespace tessaline::frontend
+}  // namespace tessaline_tools

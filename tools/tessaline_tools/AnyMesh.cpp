@@ -1,4 +1,4 @@
-#include "MeshInput.h"
+#include "AnyMesh.h"
 
 #include <exception>
 #include <fstream>
@@ -7,7 +7,7 @@
 #include "MeshReader.h"
 #include "plyIO.h"
 
-namespace tessaline::frontend {
+namespace tessaline_tools {
 
 bool isRefinerPlyHeader(const std::string& header) {
     std::istringstream lines(header);
@@ -49,14 +49,14 @@ std::string plyHeader(const std::string& path) {
 
 }  // namespace
 
-bool readInitialMesh(const std::string& path, TriMesh& mesh, std::string& error) {
+bool readAnyMesh(const std::string& path, TriMesh& mesh, std::string& error) {
     if (isRefinerPlyHeader(plyHeader(path))) {
         if (loadPly(mesh, path)) return true;
         error = "cannot read the mesh " + path;
         return false;
     }
     try {
-        mesh = tessaline_tools::toTriMesh(tessaline_tools::readMeshFile(path));
+        mesh = toTriMesh(readMeshFile(path));
         return true;
     } catch (const std::exception& e) {
         error = e.what();
@@ -64,4 +64,4 @@ bool readInitialMesh(const std::string& path, TriMesh& mesh, std::string& error)
     }
 }
 
-}  // namespace tessaline::frontend
+}  // namespace tessaline_tools
