@@ -4,15 +4,16 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <filesystem>
 #include <iostream>
 #include <optional>
 
+#include "AnyMesh.h"
 #include "CommandLine.h"
 #include "CoordinateOffset.h"
-#include "AnyMesh.h"
 #include "ImportScene.h"
 #include "LibraryOutput.h"
 #include "MemoryCheck.h"
@@ -148,7 +149,22 @@ bool chooseDevice(const RefineRequest& request, DeviceSetup& setup, std::string&
     return true;
 }
 
+// The size of the job when an MPI launcher (mpirun, or srun under SLURM)
+// started this program as one of several processes; 1 otherwise.
+int launchedProcesses() {
+    for (const char* name : {"OMPI_COMM_WORLD_SIZE", "PMI_SIZE", "SLURM_STEP_NUM_TASKS"})
+        if (const char* value = getenv(name)) return std::max(1, std::atoi(value));
+    return 1;
+}
+
 int runRefine(const RefineRequest& request) {
+    // Each process would refine the whole scene and write the same file:
+    // say how a run is shared instead.
+    if (const int processes = launchedProcesses(); processes > 1)
+        return cli::fail("tessaline refine runs as one process, and this launch started " +
+                         std::to_string(processes) + "; to share a run, import the scene (tessaline import) and "
+                         "start mpirun -n " + std::to_string(processes) +
+                         " tessaline_refine scene.sfm mesh.ply refined.ply from its folder");
     if (!request.fromColmap()) return refineFromFiles(request, request.scenePath, request.meshPath);
     const WorkFolder work(request.keepWorkDir);
     tessaline_tools::ImportOptions import;

@@ -165,6 +165,19 @@ TEST_F(RefineCommand, AnyMeshTheImporterReadsStartsTheSameRun) {
     EXPECT_EQ(output.find("Memory estimate"), std::string::npos) << output;
 }
 
+TEST_F(RefineCommand, ALaunchOfSeveralProcessesIsSentToTheSharedRun) {
+    std::string output;
+    setenv("OMPI_COMM_WORLD_SIZE", "3", 1);  // as mpirun -n 3 sets it
+    const int status = tessaline({"refine", scene(), initial(), path("out.ply")}, output);
+    unsetenv("OMPI_COMM_WORLD_SIZE");
+    EXPECT_EQ(status, 1) << output;
+    EXPECT_NE(output.find("Error: tessaline refine runs as one process, and this launch started 3; "),
+              std::string::npos)
+        << output;
+    EXPECT_NE(output.find("mpirun -n 3 tessaline_refine scene.sfm mesh.ply refined.ply"), std::string::npos);
+    EXPECT_FALSE(fs::exists(path("out.ply")));
+}
+
 TEST_F(RefineCommand, MaxImageSizeScalesThePhotographs) {
     std::string output;
     ASSERT_EQ(tessaline({"refine", scene(), initial(), path("out.ply"), "--finest-level", "2", "--max-image-size",
