@@ -23,12 +23,12 @@ namespace fs = std::filesystem;
 using Args = std::vector<std::string>;
 using tessaline_tools::MeshData;
 
-// Runs `binary` with `args` from `folder` (and TMPDIR set to `tmp` when
-// given); returns the exit status and what it printed.
+// Runs `binary` with `args` from `folder`, with the variables of
+// `environment` ("NAME=value ...") set for it; returns the exit status and
+// what it printed.
 int runProgram(const std::string& binary, const Args& args, const fs::path& folder, std::string& output,
-               const std::string& tmp = "") {
-    std::string command = "cd '" + folder.string() + "' && " + (tmp.empty() ? "" : "TMPDIR='" + tmp + "' ") + "'" +
-                          binary + "'";
+               const std::string& environment = "") {
+    std::string command = "cd '" + folder.string() + "' && " + environment + " '" + binary + "'";
     for (const std::string& a : args) command += " '" + a + "'";
     const std::string log = folder.string() + "/../" + folder.filename().string() + ".log";
     const int status = std::system((command + " > '" + log + "' 2>&1").c_str());
@@ -167,10 +167,11 @@ TEST_F(RefineCommand, AnyMeshTheImporterReadsStartsTheSameRun) {
 
 TEST_F(RefineCommand, ALaunchOfSeveralProcessesIsSentToTheSharedRun) {
     std::string output;
-    setenv("OMPI_COMM_WORLD_SIZE", "3", 1);  // as mpirun -n 3 sets it
-    const int status = tessaline({"refine", scene(), initial(), path("out.ply")}, output);
-    unsetenv("OMPI_COMM_WORLD_SIZE");
-    EXPECT_EQ(status, 1) << output;
+    // OMPI_COMM_WORLD_SIZE as mpirun -n 3 sets it.
+    EXPECT_EQ(runProgram(TESSALINE_BINARY, {"refine", scene(), initial(), path("out.ply")}, dir(), output,
+                         "OMPI_COMM_WORLD_SIZE=3"),
+              1)
+        << output;
     EXPECT_NE(output.find("Error: tessaline refine runs as one process, and this launch started 3; "),
               std::string::npos)
         << output;
@@ -209,7 +210,7 @@ TEST_F(RefineCommand, TempleFromColmapModelToGlbInOneCommand) {
     ASSERT_EQ(runProgram(TESSALINE_BINARY,
                          {"refine", "--colmap", temple + "/colmap/sparse/0", "--images", temple,
                           temple + "/colmap/temple_hull_colmap.ply", path("temple.glb"), "--finest-level", "2"},
-                         dir(), output, path("tmp")),
+                         dir(), output, "TMPDIR='" + path("tmp") + "'"),
               0)
         << output;
     EXPECT_NE(output.find("13 registered images"), std::string::npos) << output;
