@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -53,4 +55,18 @@ bool RankOutput::relayOwnErrors() {
     const ssize_t written = write(realOutput_, lines.data(), lines.size());
     (void)written;
     return true;
+}
+
+bool everyProcessSucceeded(const ProcessGroup& group, RankOutput& output, bool ok, std::string& failedRanks) {
+    failedRanks.clear();
+    if (!group.distributed()) return ok;
+    std::vector<uint64_t> own(size_t(group.size) + 1, 0);
+    own[size_t(group.rank)] = !ok && output.relayOwnErrors() ? 1 : 0;
+    own.back() = ok ? 0 : 1;
+    if (!group.sumIntegers(own.data(), own.size())) return false;
+    if (own.back() == 0) return true;
+    for (int r = 0; r < group.size; ++r)
+        if (own[size_t(r)]) failedRanks += (failedRanks.empty() ? "" : ", ") + std::to_string(r);
+    if (failedRanks.empty()) failedRanks = "0";
+    return false;
 }

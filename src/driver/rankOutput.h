@@ -5,6 +5,9 @@
 #pragma once
 
 #include <cstdio>
+#include <string>
+
+#include "RunContext.h"
 
 class RankOutput {
    public:
@@ -26,3 +29,9 @@ class RankOutput {
     int realOutput_ = -1;       // the original standard output, for ranks above 0
     std::FILE* captured_ = nullptr;
 };
+
+// Whether every process got through a step. A process whose step failed
+// repeats its own error lines, naming its rank; `failedRanks` lists the
+// processes that failed of their own accord (rank 0 when no other says
+// why). One process: its own result.
+bool everyProcessSucceeded(const ProcessGroup& group, RankOutput& output, bool ok, std::string& failedRanks);

@@ -1,7 +1,6 @@
 #include "runFlow.h"
 
 #include <sys/resource.h>
-#include <tbb/info.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -20,6 +19,7 @@
 #include "levelData.h"
 #include "meshSubdivision.h"
 #include "plyIO.h"
+#include "processPlacement.h"
 #include "processStart.h"
 #include "rankOutput.h"
 #include "refineMeshAtLevel.h"
@@ -117,14 +117,7 @@ DeviceSetup startDevice(const RunArguments& args, const ProcessStart& processes)
     std::vector<std::string> warnings;
     RunContext context = runContextFromEnvironment(warnings);
     for (const std::string& warning : warnings) std::cout << warning << std::endl;
-    context.processes = processes.group;
-    int deviceIndex = args.deviceIndex;
-    if (processes.group.distributed()) {
-        const int devices = cudaDeviceCount();
-        deviceIndex = devices > 0 ? processes.localRank % devices : 0;
-        if (context.threads == 0)
-            context.threads = std::max(1, tbb::info::default_concurrency() / std::max(1, processes.localSize));
-    }
+    const int deviceIndex = placeProcess(context, processes, args.deviceIndex);
     const DeviceSetup setup = setupDevice(deviceIndex, context);
     std::cout << "Setting up CUDA device" << std::endl;
     std::cout << setup.description << std::endl;
@@ -132,24 +125,6 @@ DeviceSetup startDevice(const RunArguments& args, const ProcessStart& processes)
     std::cout << "Device memory aviable: " << setup.freeMB << "MB" << std::endl;
     std::cout << std::endl;
     return setup;
-}
-
-// Whether every process got through a step. A process whose step failed
-// repeats its own error lines, naming its rank; `failedRanks` lists the
-// processes that failed of their own accord (rank 0 when no other says
-// why). One process: its own result.
-bool everyProcessSucceeded(const ProcessGroup& group, RankOutput& output, bool ok, std::string& failedRanks) {
-    failedRanks.clear();
-    if (!group.distributed()) return ok;
-    std::vector<uint64_t> own(size_t(group.size) + 1, 0);
-    own[size_t(group.rank)] = !ok && output.relayOwnErrors() ? 1 : 0;
-    own.back() = ok ? 0 : 1;
-    if (!group.sumIntegers(own.data(), own.size())) return false;
-    if (own.back() == 0) return true;
-    for (int r = 0; r < group.size; ++r)
-        if (own[size_t(r)]) failedRanks += (failedRanks.empty() ? "" : ", ") + std::to_string(r);
-    if (failedRanks.empty()) failedRanks = "0";
-    return false;
 }
 
 void printStop(const std::string& what, const std::string& failedRanks) {

@@ -34,7 +34,7 @@ bool loadSceneFile(SfmScene& scene, const std::string& path) {
 }  // namespace
 
 bool loadSceneShare(SfmScene& scene, const std::string& path, const RefinementSettings& settings,
-                    const ProcessGroup& group, SceneShare& share) {
+                    const ProcessGroup& group, SceneShare& share, const PhotoPath& photoPath) {
     if (!group.distributed()) {
         if (!loadSfmScene(scene, path) || scene.images.empty()) return false;
         share.cameras = shareCameras(scene.neighbourLists, settings.pairs_per_camera, 1, 0);
@@ -45,9 +45,10 @@ bool loadSceneShare(SfmScene& scene, const std::string& path, const RefinementSe
     share.cameras = shareCameras(scene.neighbourLists, settings.pairs_per_camera, group.size, group.rank);
     for (size_t c = 0; c < scene.images.size(); ++c) {
         if (!share.cameras.held(int(c))) continue;
-        scene.images[c] = readGrey(scene.imagePaths[c]);
+        const std::string file = photoPath ? photoPath(scene.imagePaths[c]) : scene.imagePaths[c];
+        scene.images[c] = readGrey(file);
         if (scene.images[c].cols < 1 || scene.images[c].rows < 1) {
-            std::cout << "Error: fail to load " << scene.imagePaths[c] << std::endl;
+            std::cout << "Error: fail to load " << file << std::endl;
             return false;
         }
     }

@@ -4,6 +4,7 @@
 // cameras among the processes and the one size all photographs have.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include <opencv2/core.hpp>
@@ -22,8 +23,12 @@ struct SceneShare {
 // are left without pixels. Prints what loadSfmScene prints (and, for a
 // shared run, "Error: fail to load <path>" for a photograph of its own that
 // cannot be read). Returns false when this process cannot go on.
+// In a shared run `photoPath`, when given, turns the scene file's image
+// paths into the paths read (the front end takes them relative to the scene
+// file's folder).
+using PhotoPath = std::function<std::string(const std::string&)>;
 bool loadSceneShare(SfmScene& scene, const std::string& path, const RefinementSettings& settings,
-                    const ProcessGroup& group, SceneShare& share);
+                    const ProcessGroup& group, SceneShare& share, const PhotoPath& photoPath = nullptr);
 
 // A collective step of a shared run: every process learns the size of every
 // photograph from the process that holds it as a reference, and the run can

@@ -42,6 +42,27 @@ same_bytes() {
 same_bytes ring "$work/ring" scene.sfm initial.ply 0
 same_bytes temple "$temple" temple.sfm temple_hull.ply 2
 
+# The front end shares its run too: tessaline refine with the quality preset
+# (whose levels end when the vertices settle, counted over the processes),
+# and with its photographs scaled down, gives the plain run's bytes.
+front=$build/tools/tessaline/tessaline
+[ -x "$front" ] || fail "the front end is missing: $front"
+for options in "--preset quality" "--preset quality --max-image-size 100 --finest-level 1"; do
+  name=front-$(echo "$options" | tr -c 'a-z0-9\n' '-')
+  "$front" refine "$work/ring/scene.sfm" "$work/ring/initial.ply" "$work/$name-plain.ply" $options -q \
+      > "$work/$name-plain.log" 2>&1 || fail "tessaline refine $options: the plain run failed"
+  for n in 2 3; do
+    timeout 600 "${mpi[@]}" -n $n "$front" refine "$work/ring/scene.sfm" "$work/ring/initial.ply" \
+        "$work/$name-$n.ply" $options > "$work/$name-$n.log" 2>&1 || fail "tessaline refine $options: $n processes failed"
+    if [ -s "$work/$name-plain.ply" ] && cmp -s "$work/$name-plain.ply" "$work/$name-$n.ply"; then
+      echo "tessaline refine $options: $n processes give the plain run's bytes"
+    else
+      fail "tessaline refine $options: $n processes differ from the plain run"; tail -5 "$work/$name-$n.log"
+    fi
+  done
+  grep -q "Process split: rank 2" "$work/$name-3.log" || fail "tessaline refine $options: no split printed"
+done
+
 # Camera 12 of the ring is held by process 1 alone when 3 share the run.
 cp -r "$work/ring" "$work/damaged"
 echo "not a photograph" > "$work/damaged/view_012.png"

@@ -5,7 +5,9 @@
 #include <iostream>
 #include <sstream>
 
+#include "Job.h"
 #include "SceneInput.h"
+#include "cameraShare.h"
 
 namespace tessaline::frontend {
 
@@ -28,6 +30,16 @@ RunShape shapeOfRequest(const RefineRequest& request, const SfmScene& scene, con
     const int threads = request.threads > 0 ? request.threads : setup.device.context.threads;
     options.pairsAtOnce = options.kernelsOnHost ? memory::pairsOnCpu(threads, scene.cameras.size()) : 1;
     return memory::shapeOfRun(scene.cameras, sizes, mesh, options);
+}
+
+// A process of a shared run holds only some photographs (its references and
+// their pairs' targets); the others weigh nothing there.
+void keepHeldPhotographs(RunShape& shape, const SfmScene& scene, const RefinementSettings& settings) {
+    const ProcessGroup& group = jobProcesses().group;
+    if (!group.distributed()) return;
+    const CameraShare share = shareCameras(scene.neighbourLists, settings.pairs_per_camera, group.size, group.rank);
+    for (size_t c = 0; c < shape.photos.size(); ++c)
+        if (!share.held(int(c))) shape.photos[c] = shape.photosOnDisk[c] = ImageSize{1, 1};
 }
 
 void printEstimate(const MemoryVerdict& v, bool kernelsOnHost, std::ostream& out) {
@@ -79,7 +91,7 @@ std::string remedies(const RunShape& shape, uint64_t available, bool device) {
         ways.push_back("--finest-level " + std::to_string(level));
     if (const int k = fittingProcesses(shape, available, device); k > 0)
         ways.push_back("sharing the run among " + std::to_string(k) + " processes (mpirun -n " + std::to_string(k) +
-                       " tessaline_refine on the imported scene, see README \"Runs shared by several processes\")");
+                       " tessaline refine ...)");
     if (ways.empty()) return "not even the program and the mesh fit in that";
     std::string text = "it would fit with ";
     for (size_t i = 0; i < ways.size(); ++i)
@@ -94,7 +106,8 @@ bool checkMemory(const RefineRequest& request, const std::string& scenePath, con
     SfmScene scene;
     std::vector<ImageSize> sizes;
     if (!loadSceneShape(scene, scenePath, sizes, error)) return false;
-    const RunShape shape = shapeOfRequest(request, scene, sizes, mesh, setup);
+    RunShape shape = shapeOfRequest(request, scene, sizes, mesh, setup);
+    keepHeldPhotographs(shape, scene, request.settings);
     verdict.need = memory::estimateMemory(shape);
     verdict.hostAvailable = memory::availableHostMemory() + shape.processBytes;
     verdict.deviceAvailable = uint64_t(setup.freeMB * kMiB);

@@ -15,13 +15,17 @@
 #include "CommandLine.h"
 #include "CoordinateOffset.h"
 #include "ImportScene.h"
+#include "Job.h"
 #include "LibraryOutput.h"
 #include "MemoryCheck.h"
 #include "MeshWriters.h"
 #include "Progress.h"
 #include "SceneInput.h"
 #include "ToolError.h"
+#include "cameraShare.h"
+#include "processPlacement.h"
 #include "runFlow.h"
+#include "sharedScene.h"
 
 namespace tessaline::frontend {
 
@@ -69,26 +73,60 @@ long long peakMiB() {
     return (usage.ru_maxrss + 512) / 1024;
 }
 
-// Loads, scales and refines; `mesh` holds the result when it returns true.
-bool refineScene(const RefineRequest& request, const std::string& scenePath, const DeviceSetup& setup,
-                 TriMesh& mesh, std::ostream& out) {
-    SfmScene scene;
+// Loads and scales the scene of a process on its own: every photograph.
+bool loadWholeScene(const RefineRequest& request, const std::string& scenePath, SfmScene& scene) {
     if (!loadSceneBesideFile(scene, scenePath) || scene.images.empty()) return false;
     std::vector<memory::ImageSize> sizes;
     for (const cv::Mat& image : scene.images) sizes.push_back({image.cols, image.rows});
     scaleScene(scene, scaleForLongestSide(sizes, request.maxImageSide));
+    return true;
+}
+
+// Loads and scales the scene of a process of a shared run: the photographs
+// it holds, after every process has them and all have one size.
+bool loadSceneShareOf(const RefineRequest& request, const std::string& scenePath, AgreedSteps& steps,
+                      SfmScene& scene, SceneShare& share) {
+    const ProcessGroup& group = jobProcesses().group;
+    const bool loaded = loadSceneShare(scene, scenePath, request.settings, group, share,
+                                       [&](const std::string& p) { return photographPath(scenePath, p); });
+    if (!steps.passed(loaded) || !agreeOnPhotoSize(scene, group, share)) return false;
+    const memory::ImageSize size{share.photoSize.width, share.photoSize.height};
+    const std::vector<memory::ImageSize> sizes(scene.cameras.size(), size);
+    const memory::ImageSize scaled = scaleSharedScene(scene, scaleForLongestSide(sizes, request.maxImageSide), size);
+    share.photoSize = cv::Size(scaled.width, scaled.height);
+    return true;
+}
+
+// Loads, scales and refines; `mesh` holds the result when every process
+// got through (it has printed why when not).
+bool refineScene(const RefineRequest& request, const std::string& scenePath, const DeviceSetup& setup,
+                 AgreedSteps& steps, TriMesh& mesh, std::ostream& out) {
+    SfmScene scene;
+    SceneShare share;
+    const bool shared = jobProcesses().group.distributed();
+    if (shared ? !loadSceneShareOf(request, scenePath, steps, scene, share)
+               : !steps.passed(loadWholeScene(request, scenePath, scene)))
+        return false;
+    const cv::Size size = shared ? share.photoSize : scene.images[0].size();
     if (!request.quiet)
-        out << "Photographs: " << scene.images.size() << ", " << scene.images[0].cols << "x" << scene.images[0].rows
+        out << "Photographs: " << scene.images.size() << ", " << size.width << "x" << size.height
             << " pixels as refined" << std::endl;
-    progress::ProgressReport report(refinedLevels(request.finestLevel),
-                                    progress::progressStyleFor(STDOUT_FILENO, request.quiet), out);
+    if (shared && !request.quiet)
+        for (const std::string& line :
+             describeShare(scene.neighbourLists, request.settings.pairs_per_camera, jobProcesses().group.size))
+            out << "Process split: " << line << std::endl;
+    // The launcher forwards a shared run's output line by line: no bar.
+    const progress::ProgressStyle style = shared && !request.quiet
+                                              ? progress::ProgressStyle::Lines
+                                              : progress::progressStyleFor(STDOUT_FILENO, request.quiet);
+    progress::ProgressReport report(refinedLevels(request.finestLevel), style, out);
     DeviceHandle device = setup.device;
     device.context.onIteration = [&report](long long done, long long total) {
         return report.iterationDone(done, total);
     };
-    const bool refined = runLevels(mesh, scene, request.finestLevel, device, request.settings);
+    const bool refined = runLevels(mesh, scene, request.finestLevel, device, request.settings, shared ? &share : nullptr);
     report.finish();
-    return refined;
+    return steps.passed(refined, "refinement stopped; nothing was written");
 }
 
 void printResult(const RefineRequest& request, const TriMesh& mesh, const MemoryVerdict& verdict,
@@ -101,28 +139,42 @@ void printResult(const RefineRequest& request, const TriMesh& mesh, const Memory
         << std::endl;
 }
 
+// The offset, the device and the mesh, each step agreed by every process.
+bool prepareRun(const RefineRequest& request, const std::string& scenePath, const std::string& meshPath,
+                AgreedSteps& steps, double offset[3], DeviceSetup& setup, TriMesh& mesh, std::ostream& out) {
+    std::string error;
+    if (!steps.passed(offset::readCoordinateOffset(fs::path(scenePath).parent_path().string(), offset, error), error))
+        return false;
+    if (!steps.passed(chooseDevice(request, setup, error), error)) return false;
+    out << setup.description << std::endl;
+    if (!steps.passed(tessaline_tools::readAnyMesh(meshPath, mesh, error), error)) return false;
+    if (!steps.passed(fs::is_directory(fs::absolute(request.outPath).parent_path()),
+                      "the folder of " + request.outPath + " does not exist"))
+        return false;
+    out << "Mesh: " << mesh.num_v << " vertices, " << mesh.num_f << " facets" << std::endl;
+    return true;
+}
+
+// In a shared run every process prints to its own captured output (RankOutput),
+// and only the first writes the mesh.
 int refineFromFiles(const RefineRequest& request, const std::string& scenePath, const std::string& meshPath) {
     const auto start = std::chrono::steady_clock::now();
+    const ProcessGroup& group = jobProcesses().group;
+    RankOutput rankOutput(group.rank);
+    AgreedSteps steps(group, rankOutput);
     LibraryOutput library;
     std::ostream& out = library.user();
     double offset[3];
-    std::string error;
-    if (!offset::readCoordinateOffset(fs::path(scenePath).parent_path().string(), offset, error))
-        return cli::fail(error);
     DeviceSetup setup;
-    if (!chooseDevice(request, setup, error)) return cli::fail(error);
-    out << setup.description << std::endl;
     TriMesh mesh;
-    if (!tessaline_tools::readAnyMesh(meshPath, mesh, error)) return cli::fail(error);
-    if (!fs::is_directory(fs::absolute(request.outPath).parent_path()))
-        return cli::fail("the folder of " + request.outPath + " does not exist");
-    out << "Mesh: " << mesh.num_v << " vertices, " << mesh.num_f << " facets" << std::endl;
+    if (!prepareRun(request, scenePath, meshPath, steps, offset, setup, mesh, out)) return cli::kFailure;
     MemoryVerdict verdict;
-    if (!checkMemory(request, scenePath, mesh, setup, out, verdict, error)) return cli::fail(error);
-    if (!verdict.fits) return cli::kFailure;
+    std::string error;
+    const bool checked = checkMemory(request, scenePath, mesh, setup, out, verdict, error);
+    if (!steps.passed(checked, error) || !steps.passed(verdict.fits)) return cli::kFailure;
     if (request.dryRun) return cli::kSuccess;
-    if (!refineScene(request, scenePath, setup, mesh, out)) return cli::fail("refinement stopped; nothing was written");
-    if (!writers::writeMeshFile(request.outPath, mesh, offset, error)) return cli::fail(error);
+    if (!refineScene(request, scenePath, setup, steps, mesh, out)) return cli::kFailure;
+    if (group.rank == 0 && !writers::writeMeshFile(request.outPath, mesh, offset, error)) return cli::fail(error);
     printResult(request, mesh, verdict, start, out);
     return cli::kSuccess;
 }
@@ -145,28 +197,15 @@ bool chooseDevice(const RefineRequest& request, DeviceSetup& setup, std::string&
             return false;
         }
     }
-    setup = setupDevice(request.deviceIndex, context);
+    setup = setupDevice(placeProcess(context, jobProcesses(), request.deviceIndex), context);
     return true;
 }
 
-// The size of the job when an MPI launcher (mpirun, or srun under SLURM)
-// started this program as one of several processes; 1 otherwise.
-int launchedProcesses() {
-    for (const char* name : {"OMPI_COMM_WORLD_SIZE", "PMI_SIZE", "SLURM_STEP_NUM_TASKS"})
-        if (const char* value = getenv(name)) return std::max(1, std::atoi(value));
-    return 1;
-}
-
 int runRefine(const RefineRequest& request) {
-    // Each process would refine the whole scene and write the same file:
-    // say how a run is shared instead.
-    if (const int processes = launchedProcesses(); processes > 1)
-        return cli::fail("tessaline refine runs as one process, and this launch started " +
-                         std::to_string(processes) + "; to share a run, import the scene (tessaline import) and "
-                         "start mpirun -n " + std::to_string(processes) +
-                         " tessaline_refine scene.sfm mesh.ply refined.ply from its folder");
     if (!request.fromColmap()) return refineFromFiles(request, request.scenePath, request.meshPath);
-    const WorkFolder work(request.keepWorkDir);
+    // Every process of a shared run imports the model (the same bytes) into
+    // a work folder of its own; the first keeps its folder when asked to.
+    const WorkFolder work(jobProcesses().group.rank == 0 ? request.keepWorkDir : "");
     tessaline_tools::ImportOptions import;
     import.modelDir = request.colmapDir;
     import.imageDir = request.imageDir;

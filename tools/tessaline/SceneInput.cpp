@@ -75,4 +75,19 @@ void scaleScene(SfmScene& scene, double scale) {
     }
 }
 
+memory::ImageSize scaleSharedScene(SfmScene& scene, double scale, memory::ImageSize photoSize) {
+    if (scale == 1.0) return photoSize;
+    const memory::ImageSize size = scaledSizes({photoSize}, scale)[0];
+    const double sx = double(size.width) / photoSize.width, sy = double(size.height) / photoSize.height;
+    for (size_t c = 0; c < scene.images.size() && c < scene.cameras.size(); ++c) {
+        if (!scene.images[c].empty()) {
+            cv::Mat smaller;
+            cv::resize(scene.images[c], smaller, cv::Size(size.width, size.height), 0, 0, cv::INTER_AREA);
+            scene.images[c] = smaller;
+        }
+        scaleCamera(scene.cameras[c], sx, sy);
+    }
+    return size;
+}
+
 }  // namespace tessaline::frontend

@@ -36,4 +36,9 @@ using memory::scaleForLongestSide;
 // (scaleCamera).
 void scaleScene(SfmScene& scene, double scale);
 
+// The same for the scene of a process of a shared run, whose photographs
+// all have `photoSize` and of which it holds only some (the others have no
+// pixels; their cameras are scaled all the same). Returns the new size.
+memory::ImageSize scaleSharedScene(SfmScene& scene, double scale, memory::ImageSize photoSize);
+
 }  // namespace tessaline::frontend

@@ -165,20 +165,6 @@ TEST_F(RefineCommand, AnyMeshTheImporterReadsStartsTheSameRun) {
     EXPECT_EQ(output.find("Memory estimate"), std::string::npos) << output;
 }
 
-TEST_F(RefineCommand, ALaunchOfSeveralProcessesIsSentToTheSharedRun) {
-    std::string output;
-    // OMPI_COMM_WORLD_SIZE as mpirun -n 3 sets it.
-    EXPECT_EQ(runProgram(TESSALINE_BINARY, {"refine", scene(), initial(), path("out.ply")}, dir(), output,
-                         "OMPI_COMM_WORLD_SIZE=3"),
-              1)
-        << output;
-    EXPECT_NE(output.find("Error: tessaline refine runs as one process, and this launch started 3; "),
-              std::string::npos)
-        << output;
-    EXPECT_NE(output.find("mpirun -n 3 tessaline_refine scene.sfm mesh.ply refined.ply"), std::string::npos);
-    EXPECT_FALSE(fs::exists(path("out.ply")));
-}
-
 TEST_F(RefineCommand, MaxImageSizeScalesThePhotographs) {
     std::string output;
     ASSERT_EQ(tessaline({"refine", scene(), initial(), path("out.ply"), "--finest-level", "2", "--max-image-size",
