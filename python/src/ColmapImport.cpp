@@ -3,6 +3,8 @@
 #include <cmath>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <string>
 
 #include <nanobind/nanobind.h>
 
@@ -64,6 +66,20 @@ void runImportInto(const TemporaryFolder& folder, const tessaline_tools::ImportO
     tessaline_tools::runImport(options);
 }
 
+// A model far from the origin is moved near it by the import, which keeps
+// the offset beside the scene file. The package holds meshes in float32 in
+// the model's own frame, so a moved scene would not meet the user's mesh:
+// such a model is refused, naming the command that moves it and back.
+void refuseMovedModel(const std::string& sceneDir) {
+    std::ifstream in(sceneDir + "/offset.txt");
+    std::string offset;
+    if (!in.is_open() || !std::getline(in, offset)) return;
+    throw nb::value_error(("the model lies far from the origin (the import would move it by " + offset +
+                           "), and Scene.from_colmap keeps the model's own frame: refine it with "
+                           "tessaline refine --colmap, which moves it and writes the result back in its frame")
+                              .c_str());
+}
+
 }  // namespace
 
 SfmScene importColmapScene(const std::string& modelDir, const std::string& imageDir, int neighbours) {
@@ -83,6 +99,7 @@ SfmScene importColmapScene(const std::string& modelDir, const std::string& image
         }
     });
     if (!failure.empty()) throw nb::value_error(failure.c_str());
+    refuseMovedModel(options.outDir);
     SfmScene scene = loadSceneFile(options.outDir + "/scene.sfm", options.outDir);
     // The folder goes away: name each photograph by its full path.
     for (std::string& path : scene.imagePaths)

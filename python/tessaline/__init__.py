@@ -203,7 +203,9 @@ class Scene:
         photographs, as ``tessaline_tools import`` does: cameras ordered by
         image name, up to ``neighbours`` neighbours each, ranked by shared
         points; photographs of SIMPLE_RADIAL, RADIAL, OPENCV and FULL_OPENCV
-        cameras undistorted into pinhole ones. ValueError when it cannot."""
+        cameras undistorted into pinhole ones. ValueError when it cannot,
+        and for a model far from the origin (which the command line's
+        ``tessaline refine --colmap`` moves near it and back)."""
         if neighbours < 1:
             raise ValueError("neighbours must be at least 1")
         return cls._wrap(_core.Scene.from_colmap(_fspath(model_dir), _fspath(image_dir), int(neighbours)))

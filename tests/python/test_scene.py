@@ -123,6 +123,32 @@ class TestColmap:
         with pytest.raises(ValueError):
             tessaline.Scene.from_colmap(tmp_path, temple_dir)
 
+    def test_model_far_from_the_origin_is_refused_with_the_way_to_refine_it(self, temple_dir, tmp_path):
+        """The temple's text model moved by (350000, 5600000, 250): points
+        X + o, and per image t - R o, R from its quaternion."""
+        offset = np.array([350000.0, 5600000.0, 250.0])
+        source = temple_dir / "colmap" / "sparse_text"
+        shutil.copy(source / "cameras.txt", tmp_path / "cameras.txt")
+        points = []
+        for line in (source / "points3D.txt").read_text().splitlines():
+            f = line.split()
+            if f and not line.startswith("#"):
+                f[1:4] = [repr(float(v) + o) for v, o in zip(f[1:4], offset.tolist())]
+            points.append(" ".join(f))
+        (tmp_path / "points3D.txt").write_text("\n".join(points) + "\n")
+        images, data = [], [line for line in (source / "images.txt").read_text().splitlines() if not line.startswith("#")]
+        for pose, observations in zip(data[0::2], data[1::2]):
+            f = pose.split()
+            w, x, y, z = map(float, f[1:5])
+            R = np.array([[1 - 2 * (y * y + z * z), 2 * (x * y - z * w), 2 * (x * z + y * w)],
+                          [2 * (x * y + z * w), 1 - 2 * (x * x + z * z), 2 * (y * z - x * w)],
+                          [2 * (x * z - y * w), 2 * (y * z + x * w), 1 - 2 * (x * x + y * y)]])
+            f[5:8] = [repr(float(v)) for v in np.array(list(map(float, f[5:8]))) - R @ offset]
+            images += [" ".join(f), observations]
+        (tmp_path / "images.txt").write_text("\n".join(images) + "\n")
+        with pytest.raises(ValueError, match="^the model lies far from the origin .*tessaline refine --colmap"):
+            tessaline.Scene.from_colmap(tmp_path, temple_dir)
+
     def test_pycolmap_reconstruction(self, temple_dir):
         pycolmap = pytest.importorskip("pycolmap", reason="pycolmap is not installed")
         reconstruction = pycolmap.Reconstruction(str(temple_dir / "colmap" / "sparse" / "0"))
