@@ -35,3 +35,11 @@ using SceneImageReader = std::function<cv::Mat(const std::string& imagePath)>;
 // reader over the file, with the photographs read from disk.
 bool loadSfmSceneFromStream(SfmScene& scene, std::istream& in, const std::string& name,
                             const SceneImageReader& readImage);
+
+// loadSfmScene with the photographs taken from `readImage`: the "loading "
+// line, the file opened (or "<path> cannot read"), then the stream reader.
+bool loadSfmSceneWith(SfmScene& scene, const std::string& path, const SceneImageReader& readImage);
+
+// cv::imread with the grey flag; a photograph that cannot be read (or whose
+// decoder throws) comes back without pixels.
+cv::Mat readGreyImage(const std::string& imagePath);

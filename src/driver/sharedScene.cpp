@@ -1,32 +1,16 @@
 #include "sharedScene.h"
 
 #include <cstdint>
-#include <fstream>
 #include <iostream>
 #include <vector>
 
-#include <opencv2/imgcodecs.hpp>
 
 namespace {
-
-cv::Mat readGrey(const std::string& path) {
-    try {
-        return cv::imread(path, cv::IMREAD_GRAYSCALE);
-    } catch (const cv::Exception&) {
-        return cv::Mat();
-    }
-}
 
 // The scene file alone: each photograph stands in as one pixel while the
 // file is read, and is left without pixels afterwards.
 bool loadSceneFile(SfmScene& scene, const std::string& path) {
-    std::cout << "loading " << path << "..." << std::endl;
-    std::ifstream in(path);
-    if (!in.is_open()) {
-        std::cout << path << " cannot read" << std::endl;
-        return false;
-    }
-    const bool read = loadSfmSceneFromStream(scene, in, path, [](const std::string&) { return cv::Mat(1, 1, CV_8U); });
+    const bool read = loadSfmSceneWith(scene, path, [](const std::string&) { return cv::Mat(1, 1, CV_8U); });
     for (cv::Mat& image : scene.images) image.release();
     return read;
 }
@@ -46,7 +30,7 @@ bool loadSceneShare(SfmScene& scene, const std::string& path, const RefinementSe
     for (size_t c = 0; c < scene.images.size(); ++c) {
         if (!share.cameras.held(int(c))) continue;
         const std::string file = photoPath ? photoPath(scene.imagePaths[c]) : scene.imagePaths[c];
-        scene.images[c] = readGrey(file);
+        scene.images[c] = readGreyImage(file);
         if (scene.images[c].cols < 1 || scene.images[c].rows < 1) {
             std::cout << "Error: fail to load " << file << std::endl;
             return false;

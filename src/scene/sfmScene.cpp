@@ -40,17 +40,6 @@ void printMalformed(const std::string& name, const std::string& where) {
     std::cout << "Error: the scene file " << name << " ends or is malformed at " << where << std::endl;
 }
 
-// cv::imread with the grey flag. An image that cannot be read comes back
-// without pixels; a decoder that throws is treated the same way, so that the
-// caller prints the "Error: fail to load " line.
-cv::Mat readGreyImage(const std::string& imagePath) {
-    try {
-        return cv::imread(imagePath, cv::IMREAD_GRAYSCALE);
-    } catch (const cv::Exception&) {
-        return cv::Mat();
-    }
-}
-
 // The camera count N: a positive integer up to kMaxCameras. Returns 0 after
 // printing why when there is none.
 int readCameraCount(std::istream& in, const std::string& name) {
@@ -192,14 +181,26 @@ bool loadSfmSceneFromStream(SfmScene& scene, std::istream& in, const std::string
     return true;
 }
 
-bool loadSfmScene(SfmScene& scene, const std::string& path) {
+bool loadSfmSceneWith(SfmScene& scene, const std::string& path, const SceneImageReader& readImage) {
     std::cout << "loading " << path << "..." << std::endl;
     std::ifstream in(path);
     if (!in.is_open()) {
         std::cout << path << " cannot read" << std::endl;
         return false;
     }
-    // Image paths are taken relative to the working directory, as one 8-bit
-    // grey channel whatever the file holds.
-    return loadSfmSceneFromStream(scene, in, path, readGreyImage);
+    return loadSfmSceneFromStream(scene, in, path, readImage);
+}
+
+// Image paths are taken relative to the working directory, as one 8-bit grey
+// channel whatever the file holds.
+bool loadSfmScene(SfmScene& scene, const std::string& path) { return loadSfmSceneWith(scene, path, readGreyImage); }
+
+// A decoder that throws counts as a photograph that cannot be read, so that
+// the caller prints the "Error: fail to load " line.
+cv::Mat readGreyImage(const std::string& imagePath) {
+    try {
+        return cv::imread(imagePath, cv::IMREAD_GRAYSCALE);
+    } catch (const cv::Exception&) {
+        return cv::Mat();
+    }
 }

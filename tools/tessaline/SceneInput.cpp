@@ -3,10 +3,8 @@
 #include <algorithm>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <iostream>
 
-#include <opencv2/imgcodecs.hpp>
 #include <opencv2/imgproc.hpp>
 
 namespace tessaline::frontend {
@@ -17,37 +15,16 @@ std::string photographPath(const std::string& scenePath, const std::string& imag
     return (fs::path(scenePath).parent_path() / imagePath).string();
 }
 
-namespace {
-
-cv::Mat readGrey(const std::string& path) {
-    try {
-        return cv::imread(path, cv::IMREAD_GRAYSCALE);
-    } catch (const cv::Exception&) {
-        return cv::Mat();
-    }
-}
-
-bool readSceneFile(SfmScene& scene, const std::string& scenePath, const SceneImageReader& reader) {
-    std::cout << "loading " << scenePath << "..." << std::endl;
-    std::ifstream in(scenePath);
-    if (!in.is_open()) {
-        std::cout << scenePath << " cannot read" << std::endl;
-        return false;
-    }
-    return loadSfmSceneFromStream(scene, in, scenePath, reader);
-}
-
-}  // namespace
-
 bool loadSceneBesideFile(SfmScene& scene, const std::string& scenePath) {
-    return readSceneFile(scene, scenePath, [&](const std::string& p) { return readGrey(photographPath(scenePath, p)); });
+    return loadSfmSceneWith(scene, scenePath,
+                            [&](const std::string& p) { return readGreyImage(photographPath(scenePath, p)); });
 }
 
 bool loadSceneShape(SfmScene& scene, const std::string& scenePath, std::vector<memory::ImageSize>& sizes,
                     std::string& error) {
     sizes.clear();
     bool readable = true;
-    const bool read = readSceneFile(scene, scenePath, [&](const std::string& p) {
+    const bool read = loadSfmSceneWith(scene, scenePath, [&](const std::string& p) {
         memory::ImageSize size;
         if (readable && !memory::readImageSize(photographPath(scenePath, p), size)) {
             error = "cannot read the photograph " + photographPath(scenePath, p);
